@@ -1,0 +1,132 @@
+#include "libtidewatch/api/monitor_types.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdio>
+#include <string>
+
+#include "libtidewatch/api/api_info.h"
+#include "libtidewatch/platform/log.h"
+
+namespace libtidewatch {
+namespace {
+
+TEST(MonitorTypesTest, NamesRoundTripForEverySubscribableType) {
+  for (uint16_t t = TRAP_TYPE_OTA; t <= TRAP_TYPE_ICD_EVENT; ++t) {
+    const char* name = ToTrapStr(static_cast<TRAP_TYPE>(t));
+    ASSERT_NE(name, nullptr) << t;
+    EXPECT_EQ(StrToTrapType(name), t) << name;
+  }
+  EXPECT_STREQ(ToTrapStr(TRAP_TYPE_OTA), "OTA");
+  EXPECT_STREQ(ToTrapStr(TRAP_TYPE_ICD_EVENT), "ICD_EVENT");
+}
+
+TEST(MonitorTypesTest, ValuesWithoutNameGiveNull) {
+  for (uint16_t t : {0, 1, 9, 10, 0x7fff, 0xffff}) {
+    EXPECT_EQ(ToTrapStr(static_cast<TRAP_TYPE>(t)), nullptr) << t;
+  }
+}
+
+TEST(MonitorTypesTest, NamesMatchExactlyAndCaseSensitively) {
+  struct Case {
+    const char* text;
+    TRAP_TYPE type;
+  } cases[] = {{"VoLTE", TRAP_TYPE_VOLTE}, {"VOLTE", TRAP_TYPE_NONE}, {"volte", TRAP_TYPE_NONE},
+               {"ota", TRAP_TYPE_NONE},    {"", TRAP_TYPE_NONE},      {nullptr, TRAP_TYPE_NONE},
+               {"EM ", TRAP_TYPE_NONE},    {"ICD_RECORD", TRAP_TYPE_ICD_RECORD}};
+  for (const Case& c : cases) {
+    EXPECT_EQ(StrToTrapType(c.text), c.type) << (c.text ? c.text : "(null)");
+  }
+}
+
+class SysPropTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    path_ = ::testing::TempDir() + "sysprop_test_props";
+    setenv("TIDEWATCH_HOST_PROPERTIES", path_.c_str(), 1);
+    Write("");
+  }
+  void TearDown() override {
+    unsetenv("TIDEWATCH_HOST_PROPERTIES");
+    remove(path_.c_str());
+  }
+  void Write(const std::string& text) {
+    FILE* fp = fopen(path_.c_str(), "w");
+    ASSERT_NE(fp, nullptr);
+    fputs(text.c_str(), fp);
+    fclose(fp);
+  }
+  std::string path_;
+};
+
+TEST_F(SysPropTest, DefaultStandsInForAnUnsetProperty) {
+  EXPECT_FALSE(checkSysPropEq("ro.test.flag", "1", "0"));
+  EXPECT_TRUE(checkSysPropEq("ro.test.flag", "0", "0"));
+  EXPECT_FALSE(checkSysPropEq("ro.test.flag", "0", nullptr));
+  EXPECT_FALSE(checkSysPropEq("ro.test.flag", "", nullptr));
+}
+
+TEST_F(SysPropTest, ComparesTheWholeValue) {
+  Write("# comment\n\nro.test.other=1\nro.test.flag=10\n");
+  EXPECT_FALSE(checkSysPropEq("ro.test.flag", "1", "0"));
+  EXPECT_TRUE(checkSysPropEq("ro.test.flag", "10", "0"));
+  Write("ro.test.flag=1\n");  // read afresh at every lookup
+  EXPECT_TRUE(checkSysPropEq("ro.test.flag", "1", "0"));
+  Write("ro.test.flag=\n");  // empty counts as unset
+  EXPECT_TRUE(checkSysPropEq("ro.test.flag", "0", "0"));
+}
+
+class ApiInfoTest : public ::testing::Test {
+ protected:
+  static void Count(int priority, const char*, const char* text) {
+    if (priority == kLogError) {
+      ++errors;
+      last = text;
+    }
+  }
+  void SetUp() override {
+    errors = 0;
+    SetLogSink(&Count);
+  }
+  void TearDown() override { SetLogSink(nullptr); }
+  static int errors;
+  static std::string last;
+};
+int ApiInfoTest::errors;
+std::string ApiInfoTest::last;
+
+TEST_F(ApiInfoTest, KnownCodesNameTheirCommand) {
+  struct Case {
+    int code;
+    const char* api;
+    const char* method;
+  } cases[] = {{1, "Tidewatch.Session", "create"},
+               {7, "Tidewatch.Trap.Receiver", "set"},
+               {8, "Tidewatch.Session", "get"},
+               {9, "Tidewatch.Session", "list"},
+               {11, "Tidewatch.DebugLevel", "set"},
+               {13, "Tidewatch.ICD.RangeInfo", "list"}};
+  for (const Case& c : cases) {
+    ApiInfo info(static_cast<MONITOR_CMD_CODE>(c.code));
+    EXPECT_EQ(info.api, c.api) << c.code;
+    EXPECT_EQ(info.method, c.method) << c.code;
+    EXPECT_EQ(info.version, 1u);
+  }
+  EXPECT_EQ(errors, 0);
+}
+
+TEST_F(ApiInfoTest, CodesWithoutEntryAreEmptyAndLoggedOnce) {
+  for (int code : {0, 10, 14, -1}) {
+    errors = 0;
+    ApiInfo info(static_cast<MONITOR_CMD_CODE>(code));
+    EXPECT_TRUE(info.api.empty());
+    EXPECT_TRUE(info.method.empty());
+    EXPECT_EQ(info.version, 0u);
+    EXPECT_EQ(errors, 1);
+    EXPECT_EQ(last, "No entry in API mapping table for code: [" + std::to_string(code) + "]");
+  }
+}
+
+}  // namespace
+}  // namespace libtidewatch
