@@ -1,0 +1,109 @@
+#include "libtidewatch/platform/log.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace libtidewatch {
+namespace {
+
+class LogTest : public ::testing::Test {
+ protected:
+  struct Line {
+    int priority;
+    std::string tag;
+    std::string text;
+  };
+  static void Record(int priority, const char* tag, const char* text) {
+    lines.push_back({priority, tag, text});
+  }
+  void SetUp() override { lines.clear(); }
+  void TearDown() override {
+    SetLogSink(nullptr);
+    SetLogThreshold(kLogError);
+  }
+
+  // Runs `body` with standard error sent to a file, and returns what was written there.
+  template <typename Body>
+  static std::string CaptureStderr(Body body) {
+    std::string path = ::testing::TempDir() + "log_test_stderr";
+    fflush(stderr);
+    int saved = dup(STDERR_FILENO);
+    FILE* fp = fopen(path.c_str(), "w+");
+    dup2(fileno(fp), STDERR_FILENO);
+    body();
+    dup2(saved, STDERR_FILENO);
+    close(saved);
+    std::string out;
+    rewind(fp);
+    char buf[256];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof(buf), fp)) > 0) out.append(buf, n);
+    fclose(fp);
+    remove(path.c_str());
+    return out;
+  }
+
+  static std::vector<Line> lines;
+};
+std::vector<LogTest::Line> LogTest::lines;
+
+TEST_F(LogTest, StartsAtErrorThreshold) { EXPECT_EQ(GetLogThreshold(), kLogError); }
+
+TEST_F(LogTest, ThresholdGatesEveryPriority) {
+  SetLogSink(&Record);
+  for (int threshold : {2, 3, 4, 5, 6, 10}) {
+    lines.clear();
+    SetLogThreshold(threshold);
+    for (int p = kLogVerbose; p <= kLogError; ++p) LogPrint(p, "p%d", p);
+    size_t expected = threshold > kLogError ? 0 : static_cast<size_t>(kLogError - threshold + 1);
+    ASSERT_EQ(lines.size(), expected) << threshold;
+    for (const Line& line : lines) {
+      EXPECT_GE(line.priority, threshold);
+      EXPECT_EQ(line.tag, "libtidewatch");
+      EXPECT_EQ(line.text, "p" + std::to_string(line.priority));
+    }
+  }
+}
+
+TEST_F(LogTest, MacroSkipsArgumentsBelowThreshold) {
+  SetLogSink(&Record);
+  int evaluated = 0;
+  TW_LOGD("%d", ++evaluated);
+  EXPECT_EQ(evaluated, 0);
+  TW_LOGE("%d", ++evaluated);
+  EXPECT_EQ(evaluated, 1);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text, "1");
+}
+
+TEST_F(LogTest, LongMessagesAreWrittenWhole) {
+  SetLogSink(&Record);
+  std::string big(5000, 'x');
+  TW_LOGE("[%s]", big.c_str());
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_EQ(lines[0].text, "[" + big + "]");
+}
+
+TEST_F(LogTest, HostOutputIsOneLinePerMessageOnStderr) {
+  SetLogThreshold(kLogVerbose);
+  std::string out = CaptureStderr([] {
+    TW_LOGV("verbose");
+    TW_LOGD("debug %d", 3);
+    TW_LOGI("info");
+    TW_LOGW("warn\n");
+    TW_LOGE("error");
+  });
+  EXPECT_EQ(out,
+            "V libtidewatch: verbose\n"
+            "D libtidewatch: debug 3\n"
+            "I libtidewatch: info\n"
+            "W libtidewatch: warn\n"
+            "E libtidewatch: error\n");
+}
+
+}  // namespace
+}  // namespace libtidewatch
