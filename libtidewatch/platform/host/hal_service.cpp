@@ -1,0 +1,70 @@
+// Service lookup on the host: a connection to the generation's endpoint on the host HAL link.
+#include "libtidewatch/platform/hal_service.h"
+
+#include <errno.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <thread>
+
+#include "libtidewatch/platform/host/abstract_socket.h"
+#include "libtidewatch/platform/host/hal_link.h"
+#include "libtidewatch/platform/host/host_death_watch.h"
+#include "libtidewatch/platform/host/host_hal_service.h"
+#include "libtidewatch/platform/log.h"
+
+namespace libtidewatch {
+namespace {
+
+constexpr long kDefaultWaitMs = 1000;
+constexpr long kRetryMs = 50;
+
+// TIDEWATCH_HAL_WAIT_MS, or the default when it is unset or not a non-negative number.
+long WaitMs() {
+  const char* text = getenv("TIDEWATCH_HAL_WAIT_MS");
+  if (text == nullptr || text[0] == '\0') return kDefaultWaitMs;
+  char* end = nullptr;
+  errno = 0;
+  long value = strtol(text, &end, 10);
+  if (errno != 0 || *end != '\0' || value < 0) {
+    TW_LOGW("HAL link: ignoring TIDEWATCH_HAL_WAIT_MS=\"%s\"", text);
+    return kDefaultWaitMs;
+  }
+  return value;
+}
+
+// Connects to `generation`'s endpoint, trying again every kRetryMs until `waitMs` has passed.
+std::shared_ptr<HalService> Connect(HalGeneration generation, long waitMs) {
+  const std::string name = HalEndpointName(generation);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
+  for (;;) {
+    int fd = ConnectAbstract(name);
+    if (fd >= 0) {
+      TW_LOGD("HAL link: connected to \"%s\"", name.c_str());
+      return std::make_shared<HostHalService>(generation, fd);
+    }
+    int error = errno;
+    auto now = std::chrono::steady_clock::now();
+    if (now >= deadline) {
+      TW_LOGD("HAL link: no service at \"%s\": %s", name.c_str(), strerror(error));
+      return nullptr;
+    }
+    std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
+        deadline - now, std::chrono::milliseconds(kRetryMs)));
+  }
+}
+
+}  // namespace
+
+std::unique_ptr<HalDeathRecipient> NewHalDeathRecipient(HalDeathHandler handler) {
+  return std::make_unique<HostHalDeathRecipient>(handler);
+}
+
+std::shared_ptr<HalService> GetAidlHalService() { return Connect(HalGeneration::kAidl, WaitMs()); }
+
+std::shared_ptr<HalService> CheckAidlHalService() { return Connect(HalGeneration::kAidl, 0); }
+
+std::shared_ptr<HalService> GetHidlHalService() { return Connect(HalGeneration::kHidl, 0); }
+
+}  // namespace libtidewatch

@@ -1,0 +1,244 @@
+#include "libtidewatch/platform/host/hal_link.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+// The largest single allocation made while tracking is on: a peer that announces a huge frame
+// must not make the reader reserve it before the bytes arrive.
+static std::atomic<bool> g_trackAllocations{false};
+static std::atomic<size_t> g_largestAllocation{0};
+
+void* operator new(size_t size) {
+  if (g_trackAllocations.load(std::memory_order_relaxed)) {
+    size_t seen = g_largestAllocation.load(std::memory_order_relaxed);
+    while (size > seen && !g_largestAllocation.compare_exchange_weak(seen, size)) {
+    }
+  }
+  void* p = malloc(size == 0 ? 1 : size);
+  if (p == nullptr) throw std::bad_alloc();
+  return p;
+}
+// Not inlined, so that the compiler does not pair a new expression with free() and object to it.
+__attribute__((noinline)) void operator delete(void* p) noexcept { free(p); }
+__attribute__((noinline)) void operator delete(void* p, size_t) noexcept { free(p); }
+
+namespace libtidewatch {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class HalLinkTest : public testing::Test {
+ protected:
+  void SetUp() override { Reopen(); }
+  void TearDown() override {
+    CloseBoth();
+    unsetenv("TIDEWATCH_HAL_SOCKET_PREFIX");
+  }
+
+  void CloseBoth() {
+    for (int& fd : m_fds) {
+      if (fd >= 0) close(fd);
+      fd = -1;
+    }
+  }
+  void Reopen() {
+    CloseBoth();
+    ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, m_fds));
+  }
+
+  static Bytes Frame(uint8_t opcode, const Bytes& payload) {
+    Bytes out;
+    EXPECT_TRUE(AppendHalLinkFrame(opcode, payload.data(), payload.size(), &out));
+    return out;
+  }
+  static Bytes Header(uint32_t length) {
+    return {static_cast<uint8_t>(length), static_cast<uint8_t>(length >> 8),
+            static_cast<uint8_t>(length >> 16), static_cast<uint8_t>(length >> 24)};
+  }
+  void Send(const Bytes& bytes) {
+    ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(m_fds[1], bytes.data(), bytes.size()));
+  }
+  void ClosePeer() {
+    close(m_fds[1]);
+    m_fds[1] = -1;
+  }
+
+  // A reader's end (m_fds[0]) and a writer's end (m_fds[1]) of one connection.
+  int m_fds[2] = {-1, -1};
+};
+
+TEST_F(HalLinkTest, EncodesLengthOpcodeAndPayload) {
+  Bytes big(300, 0xAB);
+  Bytes bigFrame = {0x2D, 0x01, 0x00, 0x00, 0x03};
+  bigFrame.insert(bigFrame.end(), big.begin(), big.end());
+  struct Case {
+    uint8_t opcode;
+    Bytes payload;
+    Bytes expected;
+  } cases[] = {
+      {kHalLinkCommand, {}, {0x01, 0x00, 0x00, 0x00, 0x01}},
+      {kHalLinkCommandResult, {0x00, 'o', 'k'}, {0x04, 0x00, 0x00, 0x00, 0x81, 0x00, 'o', 'k'}},
+      {kHalLinkRegisterTrapCallback, {'5', 't'}, {0x03, 0x00, 0x00, 0x00, 0x02, '5', 't'}},
+      {kHalLinkTrapResult, {0x01}, {0x02, 0x00, 0x00, 0x00, 0x83, 0x01}},
+      {kHalLinkTrap, big, bigFrame},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(c.expected, Frame(c.opcode, c.payload)) << "opcode " << int(c.opcode);
+  }
+
+  Bytes out = {0x55};
+  uint8_t dummy = 0;
+  EXPECT_FALSE(AppendHalLinkFrame(kHalLinkCommand, &dummy, kHalLinkMaxPayload + 1, &out));
+  EXPECT_EQ(Bytes({0x55}), out);
+}
+
+TEST_F(HalLinkTest, DecodesFramesFedInAnyPieces) {
+  const std::vector<HalLinkFrame> frames = {
+      {kHalLinkCommand, {}},
+      {kHalLinkCommandResult, {0x00}},
+      {kHalLinkTrap, Bytes(70000, 0x5A)},
+      {kHalLinkRegisterResult, {0x07}},
+  };
+  Bytes stream;
+  for (const HalLinkFrame& f : frames) {
+    AppendHalLinkFrame(f.opcode, f.payload.data(), f.payload.size(), &stream);
+  }
+  // Piece size 1 feeds byte by byte; the seeds give random cuts.
+  for (unsigned seed = 0; seed < 6; ++seed) {
+    std::mt19937 rng(seed);
+    std::uniform_int_distribution<size_t> pieceSize(1, seed == 0 ? 1 : 9000);
+    HalLinkDecoder decoder;
+    for (size_t at = 0; at < stream.size();) {
+      size_t n = std::min(pieceSize(rng), stream.size() - at);
+      ASSERT_TRUE(decoder.Feed(stream.data() + at, n));
+      at += n;
+    }
+    EXPECT_EQ(0u, decoder.pending());
+    HalLinkFrame got;
+    for (const HalLinkFrame& want : frames) {
+      ASSERT_TRUE(decoder.Next(&got)) << "seed " << seed;
+      EXPECT_EQ(want.opcode, got.opcode);
+      EXPECT_EQ(want.payload, got.payload);
+    }
+    EXPECT_FALSE(decoder.Next(&got));
+  }
+}
+
+TEST_F(HalLinkTest, DecoderRejectsLengthsOutOfRange) {
+  for (uint32_t bad : {0u, kHalLinkMaxLength + 1, 0xFFFFFFFFu}) {
+    HalLinkDecoder decoder;
+    Bytes stream = Frame(kHalLinkCommand, {0x42});
+    Bytes header = Header(bad);
+    stream.insert(stream.end(), header.begin(), header.end());
+    EXPECT_FALSE(decoder.Feed(stream.data(), stream.size())) << bad;
+    EXPECT_TRUE(decoder.failed());
+    EXPECT_EQ(bad, decoder.bad_length());
+    // Input after the bad length is ignored; the frame before it is still delivered.
+    Bytes more = Frame(kHalLinkCommand, {0x43});
+    EXPECT_FALSE(decoder.Feed(more.data(), more.size()));
+    HalLinkFrame got;
+    ASSERT_TRUE(decoder.Next(&got));
+    EXPECT_EQ(Bytes({0x42}), got.payload);
+    EXPECT_FALSE(decoder.Next(&got));
+  }
+}
+
+TEST_F(HalLinkTest, DeclaredLengthAloneAllocatesNothing) {
+  Bytes start = Header(kHalLinkMaxLength);
+  start.push_back(kHalLinkTrap);
+  start.resize(start.size() + 1000, 0x11);
+
+  HalLinkDecoder decoder;
+  g_largestAllocation = 0;
+  g_trackAllocations = true;
+  bool fed = decoder.Feed(start.data(), start.size());
+  g_trackAllocations = false;
+  EXPECT_TRUE(fed);
+  EXPECT_EQ(start.size(), decoder.pending());
+  EXPECT_LT(g_largestAllocation.load(), 64u * 1024u);
+
+  // The blocking reader: the writer announces the limit, sends a little, then goes away.
+  Send(start);
+  ClosePeer();
+  HalLinkFrame frame;
+  g_largestAllocation = 0;
+  g_trackAllocations = true;
+  HalLinkReadResult result = ReadHalLinkFrame(m_fds[0], &frame);
+  g_trackAllocations = false;
+  EXPECT_EQ(HalLinkReadResult::kError, result);
+  EXPECT_LT(g_largestAllocation.load(), 64u * 1024u);
+}
+
+TEST_F(HalLinkTest, ReadsOneFrameAtATime) {
+  const Bytes big(100000, 0x77);
+  // The writer would block on a frame larger than the socket buffer, so it runs beside us.
+  std::thread writer([&] {
+    EXPECT_TRUE(WriteHalLinkFrame(m_fds[1], kHalLinkCommandResult, nullptr, 0));
+    EXPECT_TRUE(WriteHalLinkFrame(m_fds[1], kHalLinkTrap, big.data(), big.size()));
+    EXPECT_TRUE(WriteHalLinkFrame(m_fds[1], kHalLinkTrapResult, big.data(), 1));
+  });
+  HalLinkFrame frame;
+  ASSERT_EQ(HalLinkReadResult::kFrame, ReadHalLinkFrame(m_fds[0], &frame));
+  EXPECT_EQ(kHalLinkCommandResult, frame.opcode);
+  EXPECT_TRUE(frame.payload.empty());
+  ASSERT_EQ(HalLinkReadResult::kFrame, ReadHalLinkFrame(m_fds[0], &frame));
+  EXPECT_EQ(kHalLinkTrap, frame.opcode);
+  EXPECT_EQ(big, frame.payload);
+  writer.join();
+  ClosePeer();
+  ASSERT_EQ(HalLinkReadResult::kFrame, ReadHalLinkFrame(m_fds[0], &frame));
+  EXPECT_EQ(Bytes({0x77}), frame.payload);
+  EXPECT_EQ(HalLinkReadResult::kClosed, ReadHalLinkFrame(m_fds[0], &frame));
+}
+
+TEST_F(HalLinkTest, ReaderReportsBrokenStreams) {
+  struct Case {
+    const char* name;
+    Bytes bytes;
+    HalLinkReadResult expected;
+  } cases[] = {
+      {"zero length", Header(0), HalLinkReadResult::kBadFrame},
+      {"over the limit", Header(kHalLinkMaxLength + 1), HalLinkReadResult::kBadFrame},
+      {"cut in the length", {0x05, 0x00}, HalLinkReadResult::kError},
+      {"cut before the opcode", Header(3), HalLinkReadResult::kError},
+      {"cut in the payload", {0x03, 0x00, 0x00, 0x00, 0x81, 0x00}, HalLinkReadResult::kError},
+  };
+  for (const Case& c : cases) {
+    Reopen();
+    Send(c.bytes);
+    ClosePeer();
+    HalLinkFrame frame;
+    EXPECT_EQ(c.expected, ReadHalLinkFrame(m_fds[0], &frame)) << c.name;
+  }
+
+  // The other way round: a SIGPIPE here would end the test program.
+  Reopen();
+  close(m_fds[0]);
+  m_fds[0] = -1;
+  uint8_t byte = 1;
+  EXPECT_FALSE(WriteHalLinkFrame(m_fds[1], kHalLinkTrapResult, &byte, 1));
+}
+
+TEST_F(HalLinkTest, EndpointNamesFollowThePrefix) {
+  unsetenv("TIDEWATCH_HAL_SOCKET_PREFIX");
+  EXPECT_EQ("vendor.velora.hardware.tidewatch.ITidewatchService/default",
+            HalEndpointName(HalGeneration::kAidl));
+  setenv("TIDEWATCH_HAL_SOCKET_PREFIX", "run7-", 1);
+  EXPECT_EQ("run7-vendor.velora.hardware.tidewatch.ITidewatchService/default",
+            HalEndpointName(HalGeneration::kAidl));
+  EXPECT_EQ("run7-vendor.velora.hardware.tidewatch@1.0::ITidewatchService/default",
+            HalEndpointName(HalGeneration::kHidl));
+}
+
+}  // namespace
+}  // namespace libtidewatch
