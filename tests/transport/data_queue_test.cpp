@@ -1,0 +1,90 @@
+#include "libtidewatch/transport/data_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <vector>
+
+namespace libtidewatch {
+namespace {
+
+class DataQueueTest : public ::testing::Test {
+ protected:
+  // Places `n` bytes 0, 1, 2, ... (mod 251) at index `start`.
+  void Fill(size_t start, size_t n) {
+    q->start = start;
+    q->size = n;
+    for (size_t i = 0; i < n; ++i) q->bytes[start + i] = static_cast<uint8_t>(i % 251);
+  }
+  // Whether the held bytes are the filled sequence with its first `dropped` bytes gone.
+  bool HoldsTail(size_t dropped) const {
+    for (size_t i = 0; i < q->size; ++i) {
+      if (q->Front()[i] != static_cast<uint8_t>((dropped + i) % 251)) return false;
+    }
+    return true;
+  }
+
+  std::unique_ptr<DataQueue> q{new DataQueue};  // too big for a test's stack frame
+};
+
+TEST_F(DataQueueTest, FullQueueRefusesOneMoreByteUnchanged) {
+  std::vector<uint8_t> data(DataQueue::kCapacity + 1, 7);
+  ASSERT_TRUE(q->Push(data.data(), DataQueue::kCapacity));
+  EXPECT_EQ(q->SpaceSize(), 0u);
+  EXPECT_FALSE(q->Push(data.data(), 1));
+  EXPECT_EQ(q->size, DataQueue::kCapacity);
+  EXPECT_EQ(q->start, 0u);
+
+  q->Reset();
+  EXPECT_FALSE(q->Push(data.data(), data.size()));
+  EXPECT_EQ(q->size, 0u);
+  EXPECT_FALSE(q->Push(nullptr, 1));
+}
+
+TEST_F(DataQueueTest, PushCompactsWhenTheTailIsShort) {
+  Fill(262000, 100);  // 44 bytes of tail room
+  std::vector<uint8_t> more(100, 0xEE);
+  ASSERT_TRUE(q->Push(more.data(), more.size()));
+  EXPECT_EQ(q->start, 0u);
+  EXPECT_EQ(q->size, 200u);
+  q->size = 100;
+  EXPECT_TRUE(HoldsTail(0));
+  EXPECT_EQ(q->bytes[100], 0xEE);
+  EXPECT_EQ(q->bytes[199], 0xEE);
+}
+
+TEST_F(DataQueueTest, PopCompactsOnlyPastTheMarkOrOnPopZero) {
+  struct Case {
+    const char* name;
+    size_t start, size, pop;
+    size_t wantStart, wantSize;
+  } cases[] = {
+      {"data ends at the mark", 131000, 72, 10, 131010, 62},
+      {"data ends past the mark", 131000, 73, 10, 0, 63},
+      {"full queue", 0, DataQueue::kCapacity, 1, 0, DataQueue::kCapacity - 1},
+      {"pop zero compacts", 500, 20, 0, 0, 20},
+      {"pop zero at start 0", 0, 20, 0, 0, 20},
+      {"pop all rewinds", 200000, 30, 30, 0, 0},
+      {"pop more than held", 700, 30, 31, 0, 0},
+  };
+  for (const Case& c : cases) {
+    Fill(c.start, c.size);
+    q->Pop(c.pop);
+    EXPECT_EQ(q->start, c.wantStart) << c.name;
+    EXPECT_EQ(q->size, c.wantSize) << c.name;
+    EXPECT_TRUE(HoldsTail(c.pop)) << c.name;
+  }
+}
+
+TEST_F(DataQueueTest, IncSizeStopsAtTheEndOfTheArray) {
+  Fill(1000, 100);
+  EXPECT_EQ(q->SpaceStart(), q->bytes + 1100);
+  q->IncSize(DataQueue::kCapacity);
+  EXPECT_EQ(q->size, DataQueue::kCapacity - 1000);
+  EXPECT_EQ(q->SpaceSize(), 0u);
+  q->IncSize(1);
+  EXPECT_EQ(q->size, DataQueue::kCapacity - 1000);
+}
+
+}  // namespace
+}  // namespace libtidewatch

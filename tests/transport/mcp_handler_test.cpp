@@ -1,0 +1,326 @@
+#include "libtidewatch/transport/mcp_handler.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "libtidewatch/platform/log.h"
+#include "libtidewatch/transport/socket_connection.h"
+
+namespace libtidewatch {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class MCPHandlerTest : public ::testing::Test {
+ protected:
+  static std::vector<std::string>& Lines() {
+    static std::vector<std::string> lines;
+    return lines;
+  }
+  static void Record(int, const char*, const char* text) { Lines().push_back(text); }
+  static void Discard(int, const char*, const char*) {}
+  static bool Logged(const std::string& text) {
+    return std::find(Lines().begin(), Lines().end(), text) != Lines().end();
+  }
+
+  void SetUp() override {
+    Lines().clear();
+    SetLogSink(&Record);
+  }
+  void TearDown() override {
+    SetLogSink(nullptr);
+    SetLogThreshold(kLogError);
+    if (peer >= 0) close(peer);
+  }
+
+  static Bytes Header(uint16_t typeMagic, uint32_t length) {
+    Bytes b = {0xAE, 0xCD, 0xE8, 0xF4, uint8_t(typeMagic), uint8_t(typeMagic >> 8)};
+    for (int i = 0; i < 4; ++i) b.push_back(uint8_t(length >> (8 * i)));
+    return b;
+  }
+  static Bytes Packet(uint16_t typeMagic, const std::string& payload) {
+    Bytes b = Header(typeMagic, uint32_t(payload.size()));
+    b.insert(b.end(), payload.begin(), payload.end());
+    return b;
+  }
+  static Bytes Cat(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+  }
+  static Bytes Held(const DataQueue& q) { return Bytes(q.Front(), q.Front() + q.size); }
+  static std::string Text(const MCPInfo& m) { return std::string(m.data, m.data + m.length); }
+
+  // A connection over one end of a socket pair; the test plays the peer on the other end.
+  void Connect() {
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
+    conn.reset(new SocketConnection(fds[0], "peer"));
+    peer = fds[1];
+  }
+  void PeerSend(const Bytes& b) {
+    ASSERT_EQ(write(peer, b.data(), b.size()), ssize_t(b.size()));
+    ASSERT_TRUE(conn->ReadToBuffer());
+  }
+
+  std::unique_ptr<DataQueue> q{new DataQueue};  // too big for a test's stack frame
+  std::unique_ptr<SocketConnection> conn;
+  int peer = -1;
+};
+
+TEST_F(MCPHandlerTest, WritesLittleEndianWireForm) {
+  const std::string payload = "hi";
+  for (MCP_TYPE type : {MCP_TYPE_CMD, MCP_TYPE_REPLY, MCP_TYPE_TRAP}) {
+    q->Reset();
+    MCPInfo in;
+    in.SetData(type, payload.size(), reinterpret_cast<const uint8_t*>(payload.data()), false);
+    ASSERT_TRUE(MCPHandler::WriteToBuffer(*q, in, nullptr));
+    const uint16_t magic[] = {0x5775, 0x5875, 0xCAAC};
+    EXPECT_EQ(Held(*q), Packet(magic[type - 1], payload));
+  }
+}
+
+// Each drop is one error line, writes nothing and counts as written.
+TEST_F(MCPHandlerTest, MalformedPacketsAreDroppedAsWritten) {
+  static const Bytes big(kMcpMaxPayload + 1, 'x');
+  const struct {
+    uint32_t type;
+    size_t length;
+    const uint8_t* data;
+    const char* error;
+  } cases[] = {
+      {MCP_TYPE_CMD, 3, nullptr, "Do not need to cmd. data = [(nil)], len = [3]"},
+      {MCP_TYPE_NONE, 3, big.data(), "Undefined type! type = [0]. DROP."},
+      {4, 3, big.data(), "Undefined type! type = [4]. DROP."},
+      {MCP_TYPE_CMD, kMcpMaxPayload + 1, big.data(),
+       "Payload length is invalid! len = [131073]. DROP."},
+      {MCP_TYPE_CMD, size_t{1} << 32, big.data(), "Payload length is invalid! len = [0]. DROP."},
+  };
+  for (const auto& c : cases) {
+    Lines().clear();
+    MCPInfo in;
+    in.type = MCP_TYPE(c.type);
+    in.length = c.length;  // set directly: SetData would clamp it
+    in.data = c.data;
+    EXPECT_TRUE(MCPHandler::WriteToBuffer(*q, in, nullptr)) << c.error;
+    EXPECT_EQ(q->size, 0u) << c.error;
+    EXPECT_EQ(Lines(), std::vector<std::string>{c.error});
+  }
+
+  MCPInfo in;  // 2^32 + 1 truncates to a valid 1
+  in.type = MCP_TYPE_TRAP;
+  in.length = (size_t{1} << 32) + 1;
+  in.data = big.data();
+  ASSERT_TRUE(MCPHandler::WriteToBuffer(*q, in, nullptr));
+  EXPECT_EQ(Held(*q), Packet(0xCAAC, "x"));
+}
+
+TEST_F(MCPHandlerTest, QueueOverflowFailsAtThePieceThatDoesNotFit) {
+  const struct {
+    size_t room, roomLeft;  // the pieces that fitted stay queued
+    const char* error;
+  } cases[] = {{3, 3, "MCPHandler::WriteToConnection (HEADER_MAGIC) failed!"},
+               {5, 1, "MCPHandler::WriteToConnection (TYPE_Magic) failed!"},
+               {9, 3, "MCPHandler::WriteToConnection (Len) failed!"},
+               {11, 1, "MCPHandler::WriteToConnection (Data) failed!"}};
+  const uint8_t payload[] = {1, 2};
+  MCPInfo in;
+  in.SetData(MCP_TYPE_CMD, sizeof(payload), payload, false);
+  for (const auto& c : cases) {
+    Lines().clear();
+    q->Reset();
+    q->size = DataQueue::kCapacity - c.room;
+    EXPECT_FALSE(MCPHandler::WriteToBuffer(*q, in, nullptr)) << c.error;
+    EXPECT_EQ(Lines(), std::vector<std::string>{c.error});
+    EXPECT_EQ(q->SpaceSize(), c.roomLeft) << c.error;
+  }
+}
+
+TEST_F(MCPHandlerTest, SearchHeaderResynchronises) {
+  const Bytes magic = {0xAE, 0xCD, 0xE8, 0xF4};
+  const struct {
+    const char* name;
+    Bytes input;
+    MCP_TYPE type;  // MCP_TYPE_NONE: no header found
+    size_t length, left;
+  } cases[] = {
+      {"garbage first", Cat({{1, 0xAE, 0xCD, 0xE8}, Packet(0x5775, "abc")}), MCP_TYPE_CMD, 3, 3},
+      {"header behind a bad type magic", Cat({magic, Packet(0xCAAC, "t")}), MCP_TYPE_TRAP, 1, 1},
+      {"length 0", Cat({Header(0x5875, 0), {1, 2, 3}}), MCP_TYPE_NONE, 0, 7},
+      {"length 131073", Cat({Header(0x5875, 131073), {1, 2, 3}}), MCP_TYPE_NONE, 0, 7},
+      {"length 131072", Header(0x5875, 131072), MCP_TYPE_REPLY, 131072, 0},
+      {"nine bytes of a header",
+       {0xAE, 0xCD, 0xE8, 0xF4, 0x75, 0x57, 1, 0, 0},
+       MCP_TYPE_NONE,
+       0,
+       9},
+      {"magic-like bytes only", Bytes(40, 0xAE), MCP_TYPE_NONE, 0, 9},
+  };
+  for (const auto& c : cases) {
+    for (int threshold : {kLogError, kLogDebug}) {  // the fast and the byte-by-byte path
+      SetLogThreshold(threshold);
+      q->Reset();
+      ASSERT_TRUE(q->Push(c.input.data(), c.input.size()));
+      MCPInfo out;
+      EXPECT_EQ(MCPHandler::SearchHeader(out, *q), c.type != MCP_TYPE_NONE) << c.name;
+      EXPECT_EQ(out.type, c.type) << c.name;
+      EXPECT_EQ(out.length, c.length) << c.name;
+      EXPECT_EQ(out.data, nullptr) << c.name;
+      EXPECT_EQ(Held(*q), Bytes(c.input.end() - c.left, c.input.end())) << c.name;
+    }
+  }
+}
+
+// Skipping garbage in runs must leave the queue exactly as popping it byte by byte does, including
+// where single-byte pops would have compacted it.
+TEST_F(MCPHandlerTest, FastResyncMatchesByteByByteSearch) {
+  SetLogSink(&Discard);
+  std::mt19937 rng(20240613);
+  auto addChunk = [&](Bytes& b) {
+    static const Bytes magic = {0xAE, 0xCD, 0xE8, 0xF4};
+    switch (rng() % 7) {
+      case 0:
+        b.insert(b.end(), magic.begin(), magic.begin() + 1 + rng() % 3);
+        break;
+      case 1:
+        b.insert(b.end(), magic.begin(), magic.end());
+        break;  // bad type follows
+      case 2:
+        b = Cat({b, Header(0x5775, 0)});
+        break;
+      case 3:
+        b = Cat({b, Header(0xCAAC, 1 + rng() % 300)});
+        break;
+      default:
+        for (size_t n = rng() % 64; n > 0; --n) b.push_back(rng() % 8 ? rng() & 0xFF : 0xAE);
+    }
+  };
+  std::unique_ptr<DataQueue> literal(new DataQueue);
+  for (int round = 0; round < 400; ++round) {
+    Bytes input;
+    size_t target = round % 50 == 0 ? DataQueue::kCompactMark + 200 : 10 + rng() % 2000;
+    while (input.size() < target) addChunk(input);
+    size_t start = rng() % (DataQueue::kCapacity - input.size() + 1);
+    if (round % 3 == 0) start = DataQueue::kCompactMark - input.size() / 2;
+    if (round % 5 == 0) start = 0;
+    for (DataQueue* each : {q.get(), literal.get()}) {
+      each->start = start;
+      each->size = input.size();
+      memcpy(each->bytes + start, input.data(), input.size());
+    }
+    for (bool found = true; found;) {
+      MCPInfo fast, slow;
+      SetLogThreshold(kLogError);
+      found = MCPHandler::SearchHeader(fast, *q);
+      SetLogThreshold(kLogDebug);
+      ASSERT_EQ(MCPHandler::SearchHeader(slow, *literal), found) << round;
+      ASSERT_EQ(fast.type, slow.type) << round;
+      ASSERT_EQ(fast.length, slow.length) << round;
+      ASSERT_EQ(q->start, literal->start) << round;
+      ASSERT_EQ(Held(*q), Held(*literal)) << round;
+    }
+  }
+}
+
+TEST_F(MCPHandlerTest, OneShotReader) {
+  Bytes two = Cat({{9, 9}, Packet(0x5875, "{\"ret\":0}"), Packet(0x5775, "second")});
+  MCPInfo out;
+  ASSERT_TRUE(MCPHandler::ProcessFromBuffer(two.data(), two.size(), out, nullptr));
+  EXPECT_EQ(out.type, MCP_TYPE_REPLY);
+  EXPECT_TRUE(out.owned);
+  EXPECT_EQ(Text(out), "{\"ret\":0}");  // only the first packet
+
+  const Bytes tooBig(DataQueue::kCapacity + 1, 0), garbage(30, 0x11);
+  const Bytes shortPayload = Cat({Header(0x5775, 5), {1, 2}});
+  const struct {
+    const uint8_t* bytes;
+    size_t len;
+    const char* error;
+  } failures[] = {
+      {nullptr, 4, "ProcessFromBuffer dataQ.Push false"},
+      {tooBig.data(), tooBig.size(), "ProcessFromBuffer dataQ.Push false"},
+      {garbage.data(), 0, "dataQ size is 0."},
+      {garbage.data(), garbage.size(), "No Header in current buffer."},
+      {shortPayload.data(), shortPayload.size(), "Data size [2] < Payload length [5]."},
+  };
+  for (const auto& c : failures) {
+    Lines().clear();
+    MCPInfo none;
+    EXPECT_FALSE(MCPHandler::ProcessFromBuffer(c.bytes, c.len, none, nullptr)) << c.error;
+    EXPECT_EQ(Lines(), std::vector<std::string>{c.error});
+  }
+}
+
+TEST_F(MCPHandlerTest, StreamReaderCompletesAPendingHeaderWithoutSearchingAgain) {
+  Connect();
+  SetLogThreshold(kLogDebug);
+  Bytes packet = Packet(0xCAAC, "hello");
+  PeerSend(Bytes(packet.begin(), packet.begin() + 12));
+  MCPInfo io;
+  EXPECT_FALSE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
+  EXPECT_TRUE(Logged("Data size [2] < Payload length [5]. Wait for next time."));
+  EXPECT_EQ(io.length, 5u);
+  EXPECT_EQ(io.data, nullptr);
+
+  PeerSend(Bytes(packet.begin() + 12, packet.end()));
+  Lines().clear();
+  ASSERT_TRUE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
+  EXPECT_FALSE(Logged("MCPHandler::SearchHeader"));
+  EXPECT_EQ(io.type, MCP_TYPE_TRAP);
+  EXPECT_EQ(Text(io), "hello");
+  EXPECT_EQ(conn->ReadQueue().size, 0u);
+}
+
+TEST_F(MCPHandlerTest, StreamReaderCutsPacketsInOrder) {
+  Connect();
+  PeerSend(Cat({{0}, Packet(0x5775, "one"), Packet(0x5875, "two"), {0xAE, 0xCD}}));
+  for (const char* want : {"one", "two"}) {
+    MCPInfo io;
+    ASSERT_TRUE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr)) << want;
+    EXPECT_EQ(Text(io), want);
+  }
+  MCPInfo io;
+  EXPECT_FALSE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
+  EXPECT_EQ(Held(conn->ReadQueue()), (Bytes{0xAE, 0xCD}));
+}
+
+TEST_F(MCPHandlerTest, WritesToAConnectionUntilThePeerHasGone) {
+  Connect();
+  MCPInfo in;
+  in.SetData(MCP_TYPE_REPLY, 2, reinterpret_cast<const uint8_t*>("ok"), false);
+  ASSERT_TRUE(MCPHandler::WriteToConnection(*conn, in, nullptr));
+  Bytes got(64);
+  got.resize(size_t(read(peer, got.data(), got.size())));
+  EXPECT_EQ(got, Packet(0x5875, "ok"));
+
+  close(peer);
+  peer = -1;
+  EXPECT_FALSE(MCPHandler::WriteToConnection(*conn, in, nullptr));
+  EXPECT_TRUE(Logged("MCPHandler::WriteToConnection (HEADER_MAGIC) failed!"));
+}
+
+// SetData clamps even a borrowed length, and may re-set a packet from its own payload.
+TEST_F(MCPHandlerTest, PacketSetDataClampsAndCopies) {
+  static const Bytes big(200000, 'b');
+  MCPInfo info;
+  info.SetData(MCP_TYPE_TRAP, big.size(), big.data(), false);
+  EXPECT_EQ(info.length, kMcpMaxPayload);
+  EXPECT_EQ(info.data, big.data());
+  info.SetData(MCP_TYPE_CMD, 4, big.data(), true);
+  ASSERT_TRUE(info.owned);
+  info.SetData(MCP_TYPE_CMD, 2, info.data + 1, true);
+  EXPECT_EQ(Text(info), "bb");
+}
+
+}  // namespace
+}  // namespace libtidewatch

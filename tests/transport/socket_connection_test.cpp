@@ -1,0 +1,160 @@
+#include "libtidewatch/transport/socket_connection.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libtidewatch/platform/log.h"
+
+namespace libtidewatch {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// The connection owns one end of a non-blocking socket pair; the test is the peer on the other.
+class SocketConnectionTest : public ::testing::Test {
+ protected:
+  static std::vector<std::string>& Lines() {
+    static std::vector<std::string> lines;
+    return lines;
+  }
+  static void Record(int, const char*, const char* text) {
+    Lines().push_back(text);
+    if (strncmp(text, "write to fd failed: [", 21) == 0) ++writeRetries;
+  }
+  static bool Logged(const std::string& text) {
+    for (const std::string& line : Lines()) {
+      if (line == text) return true;
+    }
+    return false;
+  }
+
+  void SetUp() override {
+    Lines().clear();
+    SetLogSink(&Record);
+    SetLogThreshold(kLogDebug);
+    int fds[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
+    fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
+    conn.reset(new SocketConnection(fds[0], "test-peer"));
+    peer = fds[1];
+  }
+  void TearDown() override {
+    conn.reset();
+    if (peer >= 0) close(peer);
+    SetLogSink(nullptr);
+    SetLogThreshold(kLogError);
+  }
+  void ClosePeer() {
+    close(peer);
+    peer = -1;
+  }
+  Bytes PeerRead(size_t max) {
+    Bytes got(max);
+    ssize_t n = read(peer, got.data(), got.size());
+    got.resize(n > 0 ? static_cast<size_t>(n) : 0);
+    return got;
+  }
+
+  std::unique_ptr<SocketConnection> conn;
+  int peer = -1;
+  // Counted by the sink, which runs on the writing thread, for a thread that waits on it.
+  static std::atomic<int> writeRetries;
+};
+std::atomic<int> SocketConnectionTest::writeRetries{0};
+
+TEST_F(SocketConnectionTest, WritesAndReadsBytes) {
+  const Bytes out = {1, 2, 3, 0, 255};
+  ASSERT_TRUE(conn->Write(out.data(), out.size(), nullptr));
+  EXPECT_EQ(PeerRead(64), out);
+
+  const Bytes in = {9, 8, 7};
+  ASSERT_EQ(write(peer, in.data(), in.size()), 3);
+  ASSERT_TRUE(conn->ReadToBuffer());
+  const DataQueue& q = conn->ReadQueue();
+  EXPECT_EQ(Bytes(q.Front(), q.Front() + q.size), in);
+  EXPECT_TRUE(Logged("BufferedConnection::ReadToBuffer done! read [3] bytes."));
+}
+
+TEST_F(SocketConnectionTest, NothingToReadIsAnEmptySuccess) {
+  ASSERT_TRUE(conn->ReadToBuffer());
+  EXPECT_EQ(conn->ReadQueue().size, 0u);
+  EXPECT_TRUE(conn->valid);
+  EXPECT_TRUE(Logged("No data to read from fd: [" + std::to_string(conn->fd) +
+                     "], retry [5] times when err = [Resource temporarily unavailable](11)"));
+}
+
+TEST_F(SocketConnectionTest, PeerCloseInvalidatesOnReadAndWrite) {
+  ClosePeer();
+  EXPECT_FALSE(conn->ReadToBuffer());
+  EXPECT_FALSE(conn->valid);
+  EXPECT_TRUE(Logged("Socket is closed. fd: [" + std::to_string(conn->fd) + "]"));
+
+  // A write to the gone peer fails instead of raising SIGPIPE.
+  conn->valid = true;
+  const uint8_t byte = 1;
+  EXPECT_FALSE(conn->Write(&byte, 1, nullptr));
+  EXPECT_FALSE(conn->valid);
+}
+
+TEST_F(SocketConnectionTest, FullQueueIsAReadFailure) {
+  const uint8_t byte = 1;
+  ASSERT_EQ(write(peer, &byte, 1), 1);
+  conn->ReadQueue().size = DataQueue::kCapacity;
+  EXPECT_FALSE(conn->ReadToBuffer());
+  EXPECT_TRUE(conn->valid);
+  EXPECT_TRUE(Logged("Failed to read from connection"));
+}
+
+TEST_F(SocketConnectionTest, StopFlagEndsABlockedWriteAsSuccess) {
+  // Far more than the socket buffers hold while the peer does not read: the write must block.
+  Bytes big(16 << 20, 0x5A);
+  volatile bool stop = false;
+  writeRetries = 0;
+  std::thread stopper([&] {
+    while (writeRetries == 0) std::this_thread::yield();  // the stop lands mid-write
+    stop = true;
+  });
+  EXPECT_TRUE(conn->Write(big.data(), big.size(), &stop));
+  stopper.join();
+  EXPECT_TRUE(conn->valid);
+  EXPECT_TRUE(Logged("write to fd failed: [" + std::to_string(conn->fd) +
+                     "], err = [Resource temporarily unavailable]"));
+  EXPECT_FALSE(Logged("SocketConnection::Send to fd: [" + std::to_string(conn->fd) +
+                      "] size=[16777216] successfully."));
+}
+
+TEST_F(SocketConnectionTest, PipesAreWrittenToo) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  SocketConnection pipeEnd(fds[1], nullptr);
+  const Bytes out = {4, 5, 6};
+  ASSERT_TRUE(pipeEnd.Write(out.data(), out.size(), nullptr));
+  Bytes got(8);
+  got.resize(static_cast<size_t>(read(fds[0], got.data(), got.size())));
+  EXPECT_EQ(got, out);
+  close(fds[0]);
+}
+
+TEST_F(SocketConnectionTest, AddressIsBoundedAndDestructorCloses) {
+  std::string longName(300, 'n');
+  conn->SetAddr(longName.c_str());
+  EXPECT_EQ(std::string(conn->address), longName.substr(0, 127));
+  conn->SetAddr("short");
+  EXPECT_STREQ(conn->address, "short");
+
+  conn.reset();
+  uint8_t byte;
+  EXPECT_EQ(read(peer, &byte, 1), 0);  // end of stream: the connection closed its fd
+}
+
+}  // namespace
+}  // namespace libtidewatch

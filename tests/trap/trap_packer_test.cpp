@@ -1,0 +1,216 @@
+#include "libtidewatch/trap/trap_packer.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "libtidewatch/platform/log.h"
+
+namespace libtidewatch {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+class TrapPackerTest : public ::testing::Test {
+ protected:
+  struct Line {
+    int priority;
+    std::string text;
+  };
+  static std::vector<Line>& Lines() {
+    static std::vector<Line> lines;
+    return lines;
+  }
+  static void Record(int priority, const char*, const char* text) {
+    Lines().push_back({priority, text});
+  }
+  void SetUp() override {
+    Lines().clear();
+    SetLogSink(&Record);
+    SetLogThreshold(kLogDebug);
+  }
+  void TearDown() override {
+    SetLogSink(nullptr);
+    SetLogThreshold(kLogError);
+  }
+  static std::vector<std::string> Errors() {
+    std::vector<std::string> errors;
+    for (const Line& line : Lines()) {
+      if (line.priority == kLogError) errors.push_back(line.text);
+    }
+    return errors;
+  }
+
+  static void PutU32(Bytes& b, uint32_t v) {
+    for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
+  }
+  // A trap record whose length field says `declared` (the payload's size unless given).
+  static Bytes Trap(uint8_t type, const Bytes& payload, int64_t declared = -1) {
+    Bytes b = {type};
+    PutU32(b,
+           declared < 0 ? static_cast<uint32_t>(payload.size()) : static_cast<uint32_t>(declared));
+    b.insert(b.end(), payload.begin(), payload.end());
+    return b;
+  }
+  // A discard-info record with these (type, dropped) entries; `count` overrides the entry count.
+  static Bytes Discard(const std::vector<std::pair<uint8_t, uint32_t>>& entries,
+                       int64_t count = -1) {
+    Bytes b = {1};
+    PutU32(b, count < 0 ? static_cast<uint32_t>(entries.size()) : static_cast<uint32_t>(count));
+    for (const auto& e : entries) {
+      b.push_back(e.first);
+      PutU32(b, e.second);
+    }
+    return b;
+  }
+  static Bytes Cat(std::initializer_list<Bytes> parts) {
+    Bytes all;
+    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
+    return all;
+  }
+};
+
+TEST_F(TrapPackerTest, RefusesEmptyOrOversizedDataSilently) {
+  Bytes data(TrapPacker::kMaxRawLength + 1, 2);
+  EXPECT_FALSE(TrapPacker(nullptr, 10).IsInitialized());
+  EXPECT_FALSE(TrapPacker(data.data(), 0).IsInitialized());
+  EXPECT_FALSE(TrapPacker(data.data(), data.size()).IsInitialized());
+  EXPECT_TRUE(Lines().empty());
+}
+
+TEST_F(TrapPackerTest, AcceptsOneRecordOfTheMaximumSize) {
+  Bytes payload(TrapPacker::kMaxRawLength - 5, 0x42);
+  Bytes data = Trap(TRAP_TYPE_IP, payload);
+  ASSERT_EQ(data.size(), TrapPacker::kMaxRawLength);
+  TrapPacker packer(data.data(), data.size());
+  ASSERT_TRUE(packer.IsInitialized());
+  EXPECT_EQ(packer.GetTrapType(), TRAP_TYPE_IP);
+  ASSERT_EQ(packer.GetTrapDataLength(), payload.size());
+  EXPECT_EQ(Bytes(packer.GetTrapData(), packer.GetTrapData() + payload.size()), payload);
+  EXPECT_NE(packer.GetTrapData(), data.data() + 5);  // a private copy
+}
+
+// How whole buffers parse: the trap kept (the last record wins), and the errors logged.
+TEST_F(TrapPackerTest, WalksRecords) {
+  const std::string kLast = "Discard Info should be the last part in raw data.";
+  const std::string kFailed = "Parse rawData failed.";
+  const size_t kFull = TrapPacker::kMaxRawLength;
+  const struct {
+    const char* name;
+    Bytes data;
+    bool initialized;
+    TRAP_TYPE type;
+    size_t length;
+    std::vector<std::string> errors;
+  } cases[] = {
+      {"trap then discard info",
+       Cat({Trap(2, {1, 2, 3}), Discard({{2, 5}})}),
+       true,
+       TRAP_TYPE_OTA,
+       3,
+       {}},
+      {"last record wins", Cat({Trap(3, {1}), Trap(4, {1, 2})}), true, TRAP_TYPE_VOLTE, 2, {}},
+      {"unknown type is skipped",
+       Cat({Trap(5, {1}), Trap(12, {7, 7, 7, 7})}),
+       true,
+       TRAP_TYPE_NONE,
+       4,
+       {"Unknown trap type: [12], len: [4]"}},
+      {"walk goes on after an unknown type",
+       Cat({Trap(12, {7}), Trap(8, {1, 2})}),
+       true,
+       TRAP_TYPE_ICD_EVENT,
+       2,
+       {"Unknown trap type: [12], len: [1]"}},
+      {"discard info alone, count 0", Discard({}), true, TRAP_TYPE_NONE, 0, {}},
+      {"discard info followed by a trap",
+       Cat({Discard({{2, 1}}), Trap(2, {1})}),
+       false,
+       TRAP_TYPE_NONE,
+       0,
+       {kLast, kFailed}},
+      {"discard entry of type 9",
+       Discard({{2, 1}, {9, 1}}),
+       false,
+       TRAP_TYPE_NONE,
+       0,
+       {"Invalid discard info type: [9]", kFailed}},
+      // Records that claim more than the data holds: nothing past the data is read.
+      {"payload past the end", Trap(6, {1, 2}, 1000), true, TRAP_TYPE_IP, 1000, {}},
+      {"header past the end", Cat({Trap(2, {1}), {7, 3, 0}}), true, TRAP_TYPE_ICD_RECORD, 3, {}},
+      {"discard entries past the end",
+       Discard({{2, 1}}, 3),
+       false,
+       TRAP_TYPE_NONE,
+       0,
+       {kLast, kFailed}},
+      {"huge discard count",
+       Discard({{2, 1}}, 0xFFFFFFFF),
+       false,
+       TRAP_TYPE_NONE,
+       0,
+       {kLast, kFailed}},
+      {"bad entry before the end",
+       Cat({Discard({{2, 1}, {10, 1}}, 50)}),
+       false,
+       TRAP_TYPE_NONE,
+       0,
+       {"Invalid discard info type: [10]", kFailed}},
+      {"discard header past the end",
+       Cat({Trap(2, {1}), {1, 1}}),
+       false,
+       TRAP_TYPE_OTA,
+       1,
+       {kLast, kFailed}},
+      // The same at the end of a full buffer, where reading on would leave the allocation.
+      {"header past a full buffer",
+       Cat({Trap(2, Bytes(kFull - 7)), {3, 1}}),
+       true,
+       TRAP_TYPE_EM,
+       1,
+       {}},
+      {"discard entries past a full buffer",
+       Cat({Trap(2, Bytes(kFull - 15)), Discard({{2, 1}}, 9)}),
+       false,
+       TRAP_TYPE_OTA,
+       kFull - 15,
+       {kLast, kFailed}},
+  };
+  for (const auto& c : cases) {
+    Lines().clear();
+    TrapPacker packer(c.data.data(), c.data.size());
+    EXPECT_EQ(packer.IsInitialized(), c.initialized) << c.name;
+    EXPECT_EQ(packer.GetTrapType(), c.type) << c.name;
+    EXPECT_EQ(packer.GetTrapDataLength(), c.length) << c.name;
+    EXPECT_EQ(Errors(), c.errors) << c.name;
+  }
+}
+
+TEST_F(TrapPackerTest, DiscardCounts) {
+  Bytes data = Cat({Trap(3, {1}), Discard({{3, 7}, {2, 4}, {3, 9}})});
+  TrapPacker packer(data.data(), data.size());
+  ASSERT_TRUE(packer.IsInitialized());
+  EXPECT_EQ(packer.GetDiscardInfo(TRAP_TYPE_EM), 7u);  // the first entry for a type counts
+  EXPECT_EQ(packer.GetDiscardInfo(TRAP_TYPE_OTA), 4u);
+  EXPECT_EQ(packer.GetDiscardInfo(TRAP_TYPE_IP), 0u);
+  Lines().clear();
+  EXPECT_EQ(packer.GetDiscardInfo(static_cast<TRAP_TYPE>(9)), 0u);
+  ASSERT_EQ(Lines().size(), 1u);
+  EXPECT_EQ(Lines()[0].text, "No discard count.");
+
+  Bytes none = Discard({});
+  Lines().clear();
+  EXPECT_EQ(TrapPacker(none.data(), none.size()).GetDiscardInfo(TRAP_TYPE_OTA), 0u);
+  EXPECT_EQ(Lines().back().text, "No discard count.");
+
+  // A record that failed the parse is not trusted, even for the entries that are there.
+  Bytes notLast = Cat({Discard({{2, 4}}), Trap(2, {1})});
+  Lines().clear();
+  EXPECT_EQ(TrapPacker(notLast.data(), notLast.size()).GetDiscardInfo(TRAP_TYPE_OTA), 0u);
+  EXPECT_EQ(Errors().back(), "TrapPacker was not initialized.");
+}
+
+}  // namespace
+}  // namespace libtidewatch
