@@ -1,0 +1,125 @@
+// The tool's binary when the service is missing, refuses, or answers badly: what it prints, the
+// status it exits with, and what it leaves in the current-session file.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/ctrl_process.h"
+#include "tests/support/emulator_process.h"
+#include "tests/support/scratch_dir.h"
+
+namespace {
+
+using tidewatch_test::CtrlResult;
+using tidewatch_test::RunCtrl;
+
+class CtrlFailureTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(dir_.path().empty());
+    setenv("TIDEWATCH_HAL_WAIT_MS", "0", 1);
+  }
+  void TearDown() override { unsetenv("TIDEWATCH_HAL_WAIT_MS"); }
+
+  CtrlResult Ctl(const std::vector<std::string>& args) { return RunCtrl(dir_.path(), args); }
+
+  tidewatch_test::ScratchDir dir_{"ctrl_failure_test"};
+  tidewatch_test::EmulatorProcess emulator_;
+};
+
+TEST_F(CtrlFailureTest, NoServiceReachable) {
+  std::string prefix = "ctrl_failure_test." + std::to_string(getpid()) + ".nobody.";
+  setenv("TIDEWATCH_HAL_SOCKET_PREFIX", prefix.c_str(), 1);
+
+  // The send failure comes back in place of an id and is kept like one.
+  CtrlResult r = Ctl({"--create-session"});
+  EXPECT_EQ(r.out, "9\n");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(dir_.Read("current_session"), "9");
+
+  r = Ctl({"--enable-trap"});
+  EXPECT_EQ(r.out, "resp = [9], doerId = [0], sessionId = [9]\n");
+  EXPECT_EQ(r.status, 9);
+
+  r = Ctl({"--list-session", "doerId=4"});
+  EXPECT_EQ(r.out, "resp = [9], doerId = [4]\n");
+  EXPECT_EQ(r.status, 9);
+}
+
+TEST_F(CtrlFailureTest, RefusedSecret) {
+  ASSERT_TRUE(emulator_.Start({"--manager-secret=SomethingElseEntirely"}));
+  CtrlResult r = Ctl({"--create-session", "level=1"});
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.status, 255);
+  EXPECT_EQ(dir_.Read("current_session"), "0");
+
+  // The root secret still matches the service's default; the last level word counts.
+  r = Ctl({"--create-session", "level=1", "level=2"});
+  EXPECT_EQ(r.out, "1\n");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(dir_.Read("current_session"), "1");
+}
+
+TEST_F(CtrlFailureTest, BrokenReplies) {
+  struct Case {
+    const char* fault;
+    std::vector<std::string> args;
+    std::string out;
+    int status;
+  } cases[] = {
+      // The service's transaction failed, or its bytes hold no packet: nothing came back.
+      {"transaction-fail",
+       {"--close-session", "sessionId=1"},
+       "resp = [9], doerId = [0], sessionId = [1]\n",
+       9},
+      {"not-mcp",
+       {"--enable-trap", "sessionId=1"},
+       "resp = [9], doerId = [0], sessionId = [1]\n",
+       9},
+      // A packet came back but does not answer the command.
+      {"empty-reply",
+       {"--disable-trap", "sessionId=2"},
+       "resp = [10], doerId = [0], sessionId = [2]\n",
+       10},
+      {"trap-type-reply", {"--list-session", "doerId=1"}, "resp = [10], doerId = [1]\n", 10},
+      {"wrong-api",
+       {"--get-session", "sessionId=1"},
+       "resp = [10], doerId = [0], sessionId = [1]\n",
+       10},
+      {"wrong-version", {"--set-debug-level", "doerId=1"}, "resp = [10], doerId = [1]\n", 10},
+      {"ret-out-of-range",
+       {"--subscribe-trap", "sessionId=1", "type=EM", "msgId=4"},
+       "resp = [10], doerId = [0], sessionId = [1], type = [3], msgId = [4]\n",
+       10},
+      {"bad-json",
+       {"--set-trap-receiver", "sessionId=1", "servername=x"},
+       "resp = [10], doerId = [0], sessionId = [1], servername = [x]\n",
+       10},
+      // The bad-reply code stands in for the id, as any other failure code would.
+      {"no-data", {"--create-session"}, "10\n", 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.fault);
+    ASSERT_TRUE(emulator_.Start({std::string("--fault=") + c.fault}));
+    CtrlResult r = Ctl(c.args);
+    EXPECT_EQ(r.out, c.out);
+    EXPECT_EQ(r.status, c.status);
+    emulator_.Stop();
+  }
+}
+
+TEST_F(CtrlFailureTest, MinusOneReachesTheShellAs255) {
+  CtrlResult r = Ctl({});
+  EXPECT_EQ(r.out.rfind("Usage: tide_watch_ctrl\n", 0), 0u) << r.out;
+  EXPECT_EQ(r.status, 255);
+  r = Ctl({"--close-session"});
+  EXPECT_EQ(r.out,
+            "Failed to open [./current_session] for getting session."
+            "Argument <sessionId> should be specified and cannot be zero");
+  EXPECT_EQ(r.status, 255);
+}
+
+}  // namespace

@@ -1,0 +1,142 @@
+// The tool's binary against the emulated service through the life of real sessions: every
+// command's exact output and exit status, and the current-session file it keeps between runs.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "tests/support/ctrl_process.h"
+#include "tests/support/emulator_process.h"
+#include "tests/support/scratch_dir.h"
+
+namespace {
+
+using tidewatch_test::CtrlResult;
+
+class CtrlSessionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(dir_.path().empty());
+    // The report names messages from the layout file found relative to the working directory.
+    ASSERT_TRUE(dir_.CopyIn(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat",
+                            "resources/twd_layout_desc.dat"));
+    ASSERT_TRUE(emulator_.Start());
+  }
+
+  // Runs one command and checks its whole output and exit status.
+  void Expect(const std::vector<std::string>& args, const std::string& out, int status = 0) {
+    std::string line;
+    for (const std::string& a : args) line += " " + a;
+    SCOPED_TRACE("tide_watch_ctrl" + line);
+    CtrlResult r = tidewatch_test::RunCtrl(dir_.path(), args);
+    EXPECT_EQ(r.out, out);
+    EXPECT_EQ(r.status, status);
+  }
+
+  tidewatch_test::ScratchDir dir_{"ctrl_session_test"};
+  tidewatch_test::EmulatorProcess emulator_;
+};
+
+TEST_F(CtrlSessionTest, CreateAtEveryLevel) {
+  Expect({"--create-session"}, "1\n");
+  EXPECT_EQ(dir_.Read("current_session"), "1");
+  Expect({"--create-session", "level=1"}, "2\n");
+  Expect({"--create-session", "LEVEL=2"}, "3\n");
+  EXPECT_EQ(dir_.Read("current_session"), "3");
+  // The last level word wins: a guest session, which may list only itself.
+  Expect({"--create-session", "level=1", "level=0"}, "4\n");
+  Expect({"--list-session"}, "4\n");
+  Expect({"--list-session", "doerId=3"}, "1\n2\n3\n4\n");
+  // Only privileged doers change the service's debug level; success prints nothing.
+  Expect({"--set-debug-level", "level=10"}, "resp = [7], doerId = [4]\n", 7);
+  Expect({"--set-debug-level", "doerId=2", "level=3"}, "");
+  Expect({"--set-debug-level", "doerId=3"}, "");
+}
+
+TEST_F(CtrlSessionTest, FullSession) {
+  Expect({"--create-session", "level=2"}, "1\n");
+  Expect({"--subscribe-trap", "type=OTA", "msgId=1003"},
+         "resp = [0], doerId = [0], sessionId = [1], type = [2], msgId = [1003]\n");
+  Expect({"--subscribe-trap", "type=OTA", "msgId=999"},
+         "resp = [0], doerId = [0], sessionId = [1], type = [2], msgId = [999]\n");
+  Expect({"--subscribe-trap", "type=EM", "msgId=2010"},
+         "resp = [0], doerId = [0], sessionId = [1], type = [3], msgId = [2010]\n");
+  Expect({"--subscribe-trap", "type=EM", "msgId=2000"},
+         "resp = [0], doerId = [0], sessionId = [1], type = [3], msgId = [2000]\n");
+  Expect({"--subscribe-trap", "type=VoLTE", "msgId=5"},
+         "resp = [0], doerId = [0], sessionId = [1], type = [4], msgId = [5]\n");
+  Expect({"--subscribe-trap", "type=PSTIME", "msgId=1"},
+         "resp = [0], doerId = [0], sessionId = [1], type = [5], msgId = [1]\n");
+  Expect({"--subscribe-trap", "type=IP", "msgId=6"},
+         "resp = [0], doerId = [0], sessionId = [1], type = [6], msgId = [6]\n");
+  Expect({"--enable-trap"}, "resp = [0], doerId = [0], sessionId = [1]\n");
+  Expect({"--set-trap-receiver", "servername=e2e"},
+         "resp = [0], doerId = [0], sessionId = [1], servername = [e2e]\n");
+
+  // Names come from the layout file, in subscription order; unknown ids and every VoLTE id show
+  // the C library's null marker, and IP subscriptions are not listed.
+  Expect({"--get-session"},
+         "  Session ID: [1]\n"
+         "Trap Enabled: [true]\n"
+         "Subscribed OTA Messages:\n"
+         "\tLTE_RRC_PAGING (1003)\n"
+         "\t(null) (999)\n"
+         "Subscribed EM Messages:\n"
+         "\tEM_NR_SERVING_CELL_INFO (2010)\n"
+         "\tEM_LTE_SERVING_CELL_INFO (2000)\n"
+         "Subscribed VoLTE Messages:\n"
+         "\t(null) (5)\n"
+         "Subscribed PSTIME.\n"
+         "Trap Destination: [1e2e]\n");
+
+  Expect({"--unsubscribe-trap", "type=EM", "msgId=2010"},
+         "resp = [0], doerId = [0], sessionId = [1], type = [3], msgId = [2010]\n");
+  Expect({"--unsubscribe-trap", "type=EM", "msgId=2010"},
+         "resp = [13], doerId = [0], sessionId = [1], type = [3], msgId = [2010]\n", 13);
+  Expect({"--disable-trap"}, "resp = [0], doerId = [0], sessionId = [1]\n");
+
+  // A second session, seen and closed by the first one as its doer.
+  Expect({"--create-session"}, "2\n");
+  Expect({"--subscribe-trap", "sessionId=2", "type=OTA", "msgId=1004"},
+         "resp = [0], doerId = [0], sessionId = [2], type = [2], msgId = [1004]\n");
+  Expect({"--get-session", "doerId=1", "sessionId=2"},
+         "  Session ID: [2]\n"
+         "Trap Enabled: [false]\n"
+         "Subscribed OTA Messages:\n"
+         "\tLTE_RRC_CONNECTION_REQUEST (1004)\n");
+  Expect({"--list-session", "doerId=1"}, "1\n2\n");
+  Expect({"--close-session", "doerId=1", "sessionId=2"},
+         "resp = [0], doerId = [1], sessionId = [2]\n");
+  Expect({"--list-session", "doerId=1"}, "1\n");
+
+  Expect({"--get-session", "sessionId=1"},
+         "  Session ID: [1]\n"
+         "Trap Enabled: [false]\n"
+         "Subscribed OTA Messages:\n"
+         "\tLTE_RRC_PAGING (1003)\n"
+         "\t(null) (999)\n"
+         "Subscribed EM Messages:\n"
+         "\tEM_LTE_SERVING_CELL_INFO (2000)\n"
+         "Subscribed VoLTE Messages:\n"
+         "\t(null) (5)\n"
+         "Subscribed PSTIME.\n"
+         "Trap Destination: [1e2e]\n");
+  Expect({"--close-session", "sessionId=1"}, "resp = [0], doerId = [0], sessionId = [1]\n");
+  // The service's own codes pass through as the status.
+  Expect({"--close-session", "sessionId=1"}, "resp = [6], doerId = [0], sessionId = [1]\n", 6);
+  Expect({"--get-session", "sessionId=1"}, "resp = [6], doerId = [0], sessionId = [1]\n", 6);
+}
+
+TEST_F(CtrlSessionTest, WithoutLayoutFileNamesAreNull) {
+  ASSERT_EQ(remove((dir_.path() + "/resources/twd_layout_desc.dat").c_str()), 0);
+  Expect({"--create-session"}, "1\n");
+  Expect({"--subscribe-trap", "type=OTA", "msgId=1003"},
+         "resp = [0], doerId = [0], sessionId = [1], type = [2], msgId = [1003]\n");
+  Expect({"--get-session"},
+         "  Session ID: [1]\n"
+         "Trap Enabled: [false]\n"
+         "Subscribed OTA Messages:\n"
+         "\t(null) (1003)\n");
+}
+
+}  // namespace

@@ -1,0 +1,56 @@
+// Runs the real tide_watch_ctrl binary for end-to-end tests: one command to its end, or a trap
+// receiver in the background whose output is read line by line as it comes. The child inherits
+// this process's environment (so the socket prefix of a running EmulatorProcess) and runs in a
+// working directory of the test's choice, where it keeps its current_session file.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace tidewatch_test {
+
+struct CtrlResult {
+  int status;       // the exit status as the shell sees it (-1 from the tool is 255)
+  std::string out;  // everything written on standard output
+};
+
+// Runs `tide_watch_ctrl args...` in `dir` to its end. Standard error is dropped.
+CtrlResult RunCtrl(const std::string& dir, const std::vector<std::string>& args);
+
+class CtrlProcess {
+ public:
+  CtrlProcess() = default;
+  // Ends (SIGTERM) and reaps a process still running.
+  ~CtrlProcess();
+  CtrlProcess(const CtrlProcess&) = delete;
+  CtrlProcess& operator=(const CtrlProcess&) = delete;
+
+  static std::string BinaryPath();
+
+  // Starts the tool in `dir` with standard output on a pipe; false when it could not be started.
+  bool Start(const std::string& dir, const std::vector<std::string>& args);
+  // The next line of output with its line feed, waiting up to `timeoutMs` for it; what arrived so
+  // far (without a line feed) when the time ran out or the output ended.
+  std::string ReadLine(int timeoutMs = 20000);
+  // Everything up to the end of the output.
+  std::string ReadAll();
+  // Reaps the process after its output ended: its exit status, or -signal.
+  int Wait();
+  // SIGTERM, then reaps.
+  int Stop();
+
+  pid_t pid() const { return m_pid; }
+
+ private:
+  // Reads what is there within `timeoutMs` into the buffer; false at the end of the output or on
+  // time-out.
+  bool Fill(int timeoutMs);
+
+  pid_t m_pid = -1;
+  int m_fd = -1;
+  std::string m_pending;
+};
+
+}  // namespace tidewatch_test
