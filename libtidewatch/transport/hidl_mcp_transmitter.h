@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "libtidewatch/platform/hal_service.h"
 #include "libtidewatch/transport/data_queue.h"
@@ -37,8 +38,7 @@ class HIDLMCPTransmitter : public Transmitter {
   bool CheckValid() override;
 
   // (Re)connects: AIDL through the blocking lookup first, HIDL "default" only when that fails.
-  // Replaces the handles without locking; callers hold the connection mutex or own the object
-  // exclusively (construction, or Send before it takes its locks).
+  // Holds the connection mutex meanwhile, so a death notification waits for it.
   void connectTWDHIDL();
 
   // Reaction to the death of either service: drops both handles and reconnects, all under the
@@ -51,6 +51,13 @@ class HIDLMCPTransmitter : public Transmitter {
   const char* ServerName() const { return m_serverName; }
 
  private:
+  // connectTWDHIDL for callers that hold the connection mutex already: the handles it replaces
+  // are shared with the death handler, which runs on a platform thread.
+  void ConnectLocked();
+  // The HAL call under the connection mutex, with the reply bytes moved into m_mcpRAWData.
+  bool CallService();
+  void StoreReply(const std::vector<uint8_t>& replyData);
+
   char m_serverName[kServerNameSize];
   std::shared_ptr<HalService> m_hidlService;
   std::mutex m_connectionMutex;
@@ -59,6 +66,8 @@ class HIDLMCPTransmitter : public Transmitter {
   std::unique_ptr<HalDeathRecipient> m_aidlDeathRecipient;
   DataQueue m_mcpRAWData;
   std::mutex m_sendMutex;
+  // Set by the destructor so that a death notification racing with it does not reconnect.
+  bool m_closing = false;
 };
 
 }  // namespace libtidewatch

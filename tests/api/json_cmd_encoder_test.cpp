@@ -1,0 +1,310 @@
+#include "libtidewatch/api/json_cmd_encoder.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "libtidewatch/platform/log.h"
+
+namespace libtidewatch {
+namespace {
+
+class JsonCmdEncoderTest : public ::testing::Test {
+ protected:
+  // Records every request packet and answers with the scripted reply.
+  class FakeTransmitter : public Transmitter {
+   public:
+    bool Send(const MCPInfo& request, MCPInfo** reply, volatile bool* stop) override {
+      EXPECT_EQ(stop, nullptr);
+      EXPECT_EQ(request.type, MCP_TYPE_CMD);
+      requests.emplace_back(reinterpret_cast<const char*>(request.data), request.length);
+      if (!sendOk || !hasReply) return sendOk;
+      MCPInfo* info = new MCPInfo();
+      info->SetData(replyType, replyPayload.size(),
+                    reinterpret_cast<const uint8_t*>(replyPayload.data()), true);
+      *reply = info;
+      return true;
+    }
+    bool CheckValid() override { return true; }
+
+    std::vector<std::string> requests;
+    bool sendOk = true;
+    bool hasReply = true;
+    MCP_TYPE replyType = MCP_TYPE_REPLY;
+    std::string replyPayload;
+  };
+
+  static void Record(int, const char*, const char* text) { logs.emplace_back(text); }
+  void SetUp() override {
+    logs.clear();
+    SetLogThreshold(kLogError);
+    SetLogSink(&JsonCmdEncoderTest::Record);
+  }
+  void TearDown() override {
+    SetLogSink(nullptr);
+    SetLogThreshold(kLogError);
+  }
+
+  // Scripts a reply packet carrying `json` and its NUL.
+  void ReplyWith(const std::string& json) { fake.replyPayload = json + '\0'; }
+  // A reply to `method` of "Tidewatch.Session" with "ret" 0 and `data`.
+  void SessionReply(const std::string& method, const std::string& data) {
+    ReplyWith(R"({"api":"Tidewatch.Session","method":")" + method +
+              R"(","version":1,"ret":0,"data":)" + data + "}");
+  }
+
+  static std::vector<std::string> logs;
+  FakeTransmitter fake;
+  JsonCmdEncoder encoder{&fake};
+};
+std::vector<std::string> JsonCmdEncoderTest::logs;
+
+TEST_F(JsonCmdEncoderTest, RequestBytes) {
+  MONITOR_SESSION_STATUS status;
+  std::vector<uint64_t> ids;
+  const struct {
+    std::function<void(JsonCmdEncoder&)> call;
+    std::string json;
+  } cases[] = {
+      {[](JsonCmdEncoder& e) { e.CreateSession(nullptr); },
+       R"({"api":"Tidewatch.Session","method":"create","version":1})"},
+      {[](JsonCmdEncoder& e) { e.CreateSession("MgrSecret"); },
+       R"({"api":"Tidewatch.Session","arg":{"secret":"MgrSecret"},"method":"create","version":1})"},
+      {[](JsonCmdEncoder& e) { e.CloseSession(0, 7); },
+       R"({"api":"Tidewatch.Session","arg":{"sessionId":7},"method":"close","version":1})"},
+      {[](JsonCmdEncoder& e) { e.SubscribeTrap(5, 7, TRAP_TYPE_EM, 1234, false); },
+       R"({"api":"Tidewatch.Trap","arg":{"async":0,"doerId":5,"msgId":1234,"sessionId":7,)"
+       R"("type":"EM"},"method":"subscribe","version":1})"},
+      {[](JsonCmdEncoder& e) { e.UnsubscribeTrap(0, UINT64_MAX, TRAP_TYPE_ICD_EVENT, 0, true); },
+       R"({"api":"Tidewatch.Trap","arg":{"async":1,"msgId":0,"sessionId":18446744073709551615,)"
+       R"("type":"ICD_EVENT"},"method":"unsubscribe","version":1})"},
+      {[](JsonCmdEncoder& e) { e.EnableTrap(3, 4); },
+       R"({"api":"Tidewatch.Trap","arg":{"doerId":3,"sessionId":4},"method":"enable","version":1})"},
+      {[](JsonCmdEncoder& e) { e.SetTrapReceiver(0, 12, "srv"); },
+       R"({"api":"Tidewatch.Trap.Receiver","arg":{"server_name":"12srv","sessionId":12},)"
+       R"("method":"set","version":1})"},
+      {[&](JsonCmdEncoder& e) { e.GetSession(1, 2, status); },
+       R"({"api":"Tidewatch.Session","arg":{"doerId":1,"sessionId":2},"method":"get","version":1})"},
+      {[&](JsonCmdEncoder& e) { e.ListSession(0, ids); },
+       R"({"api":"Tidewatch.Session","arg":{"doerId":0},"method":"list","version":1})"},
+      {[](JsonCmdEncoder& e) { e.SetDebugLevel(0, MONITOR_DEBUG_LEVEL_DISABLE); },
+       R"({"api":"Tidewatch.DebugLevel","arg":{"doerId":0,"level":10},"method":"set","version":1})"},
+  };
+  for (const auto& c : cases) {
+    fake.requests.clear();
+    c.call(encoder);
+    ASSERT_EQ(fake.requests.size(), 1u) << c.json;
+    EXPECT_EQ(fake.requests[0], c.json + "\n" + '\0');
+  }
+}
+
+TEST_F(JsonCmdEncoderTest, ArgumentWithoutJsonFormSendsNothing) {
+  EXPECT_EQ(encoder.SubscribeTrap(0, 1, TRAP_TYPE_DISCARD_INFO, 1, false),
+            MONITOR_RESULT_BAD_ARGUMENT);
+  EXPECT_EQ(encoder.UnsubscribeTrap(0, 1, static_cast<TRAP_TYPE>(9), 1, false),
+            MONITOR_RESULT_BAD_ARGUMENT);
+  EXPECT_EQ(encoder.SetTrapReceiver(0, 1, nullptr), MONITOR_RESULT_BAD_ARGUMENT);
+  EXPECT_TRUE(fake.requests.empty());
+  EXPECT_EQ(logs, (std::vector<std::string>{"Undefined type [1]", "Undefined type [9]",
+                                            "szServerName should not be NULL"}));
+}
+
+TEST_F(JsonCmdEncoderTest, NothingSentOrNothingBack) {
+  JsonCmdEncoder unbound(nullptr);
+  EXPECT_EQ(unbound.CloseSession(0, 1), MONITOR_RESULT_SEND_FAILED);
+  EXPECT_EQ(unbound.CreateSession(nullptr), uint64_t{MONITOR_RESULT_SEND_FAILED});
+  fake.sendOk = false;
+  EXPECT_EQ(encoder.EnableTrap(0, 1), MONITOR_RESULT_SEND_FAILED);
+  EXPECT_EQ(logs, std::vector<std::string>(3, "Send command failed."));
+  fake.sendOk = true;
+  fake.hasReply = false;
+  EXPECT_EQ(encoder.DisableTrap(0, 1), MONITOR_RESULT_SEND_FAILED);
+  EXPECT_EQ(logs.back(), "No reply received.");
+}
+
+// Every command shares these checks; CloseSession stands for them.
+TEST_F(JsonCmdEncoderTest, ReplyChecks) {
+  const std::string head = R"({"api":"Tidewatch.Session","method":"close",)";
+  const struct {
+    MCP_TYPE type;
+    std::string json;
+    int32_t result;
+    std::string log;  // the error expected, or empty
+  } cases[] = {
+      {MCP_TYPE_REPLY, head + R"("version":1,"ret":0})", 0, ""},
+      {MCP_TYPE_TRAP, head + R"("version":1,"ret":0})", 10, "Reply type not in Json. [3]"},
+      {MCP_TYPE_REPLY, "not json", 10, "Cannot parse reply in Json."},
+      {MCP_TYPE_REPLY, "[1,2]", 10, "Reply is not Json object"},
+      {MCP_TYPE_REPLY, R"({"method":"close","version":1,"ret":0})", 10,
+       "Key: [api] is not found in JSON reply:"},
+      {MCP_TYPE_REPLY, R"({"api":5,"method":"close","version":1,"ret":0})", 10,
+       "Type of [api] is not correct in JSON reply:"},
+      {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Trap","method":"close","version":1,"ret":0})", 10,
+       "Reply API [Tidewatch.Trap] != Command API [Tidewatch.Session]"},
+      {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Session","version":1,"ret":0})", 10,
+       "Key: [method] is not found in JSON reply:"},
+      {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Session","method":"open","version":1,"ret":0})", 10,
+       "Reply Method [open] != Command Method [close]"},
+      {MCP_TYPE_REPLY, head + R"("ret":0})", 10, "Key: [version] is not found in JSON reply:"},
+      {MCP_TYPE_REPLY, head + R"("version":"1","ret":0})", 10,
+       "Type of [version] is not correct in JSON reply:"},
+      {MCP_TYPE_REPLY, head + R"("version":2,"ret":0})", 10,
+       "Reply Version [2] != Command Version [1]"},
+      {MCP_TYPE_REPLY, head + R"("version":4294967297,"ret":0})", 0, ""},
+      {MCP_TYPE_REPLY, head + R"("version":true,"ret":0})", 0, ""},
+      {MCP_TYPE_REPLY, head + R"("version":1.9,"ret":0})", 0, ""},
+      {MCP_TYPE_REPLY, head + R"("version":1})", 10, "Key: [ret] is not found in JSON reply:"},
+      {MCP_TYPE_REPLY, head + R"("version":1,"ret":null})", 10,
+       "Type of [ret] is not correct in JSON reply:"},
+      {MCP_TYPE_REPLY, head + R"("version":1,"ret":16})", 10, "ret is invalid. [16]"},
+      {MCP_TYPE_REPLY, head + R"("version":1,"ret":-1})", 10, "ret is invalid. [-1]"},
+      {MCP_TYPE_REPLY, head + R"("version":1,"ret":false})", 0, ""},
+      {MCP_TYPE_REPLY, head + R"("version":1,"ret":15.7})", 15, ""},
+  };
+  for (const auto& c : cases) {
+    logs.clear();
+    fake.replyType = c.type;
+    ReplyWith(c.json);
+    EXPECT_EQ(encoder.CloseSession(0, 1), c.result) << c.json;
+    if (c.log.empty()) {
+      EXPECT_TRUE(logs.empty()) << c.json << ": " << logs.front();
+    } else {
+      EXPECT_EQ(logs, std::vector<std::string>{c.log}) << c.json;
+    }
+  }
+}
+
+TEST_F(JsonCmdEncoderTest, CreateSessionMixesIdsAndCodes) {
+  const std::string head = R"({"api":"Tidewatch.Session","method":"create","version":1,)";
+  const struct {
+    std::string json;
+    uint64_t result;
+  } cases[] = {
+      {head + R"("ret":0,"data":{"sessionId":42}})", 42},
+      {head + R"("ret":0,"data":{"sessionId":true}})", 1},
+      {head + R"("ret":5,"data":{"sessionId":42}})", 0},
+      {head + R"("ret":0})", 10},
+      {head + R"("ret":0,"data":{"sid":42}})", 10},
+      {head + R"("ret":0,"data":{"sessionId":"42"}})", 10},
+      {head + R"("ret":16,"data":{"sessionId":42}})", 10},
+  };
+  for (const auto& c : cases) {
+    ReplyWith(c.json);
+    EXPECT_EQ(encoder.CreateSession(nullptr), c.result) << c.json;
+  }
+}
+
+TEST_F(JsonCmdEncoderTest, GetSessionFillsStatus) {
+  SessionReply("get", R"({"trapEnabled":true,"subscribedTraps":[[],5,[],[17,18]],)"
+                      R"("trapReceiverHost":"7srv"})");
+  MONITOR_SESSION_STATUS status;
+  status.subscribedTraps[TRAP_TYPE_EM] = {1};
+  ASSERT_EQ(encoder.GetSession(0, 7, status), 0);
+  EXPECT_TRUE(status.trapEnabled);
+  EXPECT_EQ(status.trapReceiverHost, "7srv");
+  for (size_t t = 0; t < TRAP_TYPE_NUM; ++t) {
+    const std::vector<uint64_t> expected =
+        t == TRAP_TYPE_EM ? std::vector<uint64_t>{1, 17, 18} : std::vector<uint64_t>{};
+    EXPECT_EQ(status.subscribedTraps[t], expected) << t;
+  }
+
+  // Lists beyond the last trap type have nowhere to go and are ignored.
+  SessionReply("get", R"({"trapEnabled":false,"subscribedTraps":[[],[],[],[],[],[],[],[],[8],)"
+                      R"([9],["x"]],"trapReceiverHost":""})");
+  MONITOR_SESSION_STATUS wide;
+  ASSERT_EQ(encoder.GetSession(0, 7, wide), 0);
+  EXPECT_EQ(wide.subscribedTraps[TRAP_TYPE_ICD_EVENT], std::vector<uint64_t>{8});
+}
+
+TEST_F(JsonCmdEncoderTest, GetSessionFailureLeavesStatusUntouched) {
+  const std::string good = R"("subscribedTraps":[[1]],"trapReceiverHost":"h")";
+  const struct {
+    std::string data;
+    std::string log;
+  } cases[] = {
+      {R"({"trapEnabled":1,)" + good + "}", "Type of [trapEnabled] is not correct in JSON reply:"},
+      {R"({"trapEnabled":true,"trapReceiverHost":"h"})",
+       "Key: [subscribedTraps] is not found in JSON reply:"},
+      {R"({"trapEnabled":true,"subscribedTraps":[[1]],"trapReceiverHost":5})",
+       "Type of [trapReceiverHost] is not correct in JSON reply:"},
+      {R"({"trapEnabled":true,"subscribedTraps":[[1,"2"]],"trapReceiverHost":"h"})",
+       "Type of [subscribedTraps] is not correct in JSON reply:"},
+      {"null", "Type of [data] is not correct in JSON reply:"},
+  };
+  for (const auto& c : cases) {
+    logs.clear();
+    SessionReply("get", c.data);
+    MONITOR_SESSION_STATUS status;
+    status.trapReceiverHost = "before";
+    EXPECT_EQ(encoder.GetSession(0, 7, status), MONITOR_RESULT_BAD_REPLY) << c.data;
+    EXPECT_EQ(logs, std::vector<std::string>{c.log});
+    EXPECT_FALSE(status.trapEnabled);
+    EXPECT_EQ(status.trapReceiverHost, "before");
+    EXPECT_TRUE(status.subscribedTraps[0].empty());
+  }
+  // A refusal by the service is passed through, and nothing is read.
+  ReplyWith(R"({"api":"Tidewatch.Session","method":"get","version":1,"ret":4})");
+  MONITOR_SESSION_STATUS status;
+  EXPECT_EQ(encoder.GetSession(0, 7, status), 4);
+}
+
+TEST_F(JsonCmdEncoderTest, ListSessionReplacesIds) {
+  std::vector<uint64_t> ids{9, 9};
+  SessionReply("list", R"({"sid_list":[3,1,2]})");
+  ASSERT_EQ(encoder.ListSession(0, ids), 0);
+  EXPECT_EQ(ids, (std::vector<uint64_t>{3, 1, 2}));
+  SessionReply("list", R"({"sid_list":[]})");
+  ASSERT_EQ(encoder.ListSession(0, ids), 0);
+  EXPECT_TRUE(ids.empty());
+
+  ids = {9};
+  for (const char* data : {R"({"sids":[1]})", R"({"sid_list":[1,null]})"}) {
+    SessionReply("list", data);
+    EXPECT_EQ(encoder.ListSession(0, ids), MONITOR_RESULT_BAD_REPLY) << data;
+    EXPECT_EQ(ids, std::vector<uint64_t>{9});
+  }
+  ReplyWith(R"({"api":"Tidewatch.Session","method":"list","version":1,"ret":7})");
+  EXPECT_EQ(encoder.ListSession(0, ids), 7);
+  EXPECT_EQ(ids, std::vector<uint64_t>{9});
+}
+
+// A negative number where an unsigned one is read is refused by throwing; the outputs keep their
+// values because everything is read before they are written.
+TEST_F(JsonCmdEncoderTest, NegativeUnsignedThrows) {
+  MONITOR_SESSION_STATUS status;
+  std::vector<uint64_t> ids{9};
+  const struct {
+    std::string json;
+    std::function<void(JsonCmdEncoder&)> call;
+  } cases[] = {
+      {R"({"api":"Tidewatch.Session","method":"close","version":-1,"ret":0})",
+       [](JsonCmdEncoder& e) { e.CloseSession(0, 1); }},
+      {R"({"api":"Tidewatch.Session","method":"create","version":1,"ret":0,)"
+       R"("data":{"sessionId":-3}})",
+       [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }},
+      {R"({"api":"Tidewatch.Session","method":"list","version":1,"ret":0,)"
+       R"("data":{"sid_list":[4,-1]}})",
+       [&](JsonCmdEncoder& e) { e.ListSession(0, ids); }},
+      {R"({"api":"Tidewatch.Session","method":"get","version":1,"ret":0,"data":)"
+       R"({"trapEnabled":true,"subscribedTraps":[[4],[-1]],"trapReceiverHost":"h"}})",
+       [&](JsonCmdEncoder& e) { e.GetSession(0, 1, status); }},
+  };
+  for (const auto& c : cases) {
+    ReplyWith(c.json);
+    try {
+      c.call(encoder);
+      ADD_FAILURE() << "no exception for " << c.json;
+    } catch (const std::exception& e) {
+      EXPECT_STREQ(e.what(), "Negative integer can not be converted to UInt64");
+    }
+  }
+  EXPECT_EQ(ids, std::vector<uint64_t>{9});
+  EXPECT_TRUE(status.subscribedTraps[0].empty());
+  EXPECT_FALSE(status.trapEnabled);
+}
+
+}  // namespace
+}  // namespace libtidewatch

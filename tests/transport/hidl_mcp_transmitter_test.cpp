@@ -1,0 +1,264 @@
+#include "libtidewatch/transport/hidl_mcp_transmitter.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libtidewatch/api/json_cmd_encoder.h"
+#include "libtidewatch/api/monitor_cmd_proxy.h"
+#include "libtidewatch/platform/log.h"
+#include "tests/support/emulator_process.h"
+#include "tests/support/mcp_test_peer.h"
+
+namespace libtidewatch {
+namespace {
+
+using tidewatch_test::EmulatorProcess;
+using tidewatch_test::LogCapture;
+
+class HIDLMCPTransmitterTest : public ::testing::Test {
+ protected:
+  void SetUp() override { SetWaitMs(300); }
+  void TearDown() override { unsetenv("TIDEWATCH_HAL_WAIT_MS"); }
+
+  // How long the blocking AIDL lookup waits; short where the service is absent on purpose.
+  static void SetWaitMs(int ms) { setenv("TIDEWATCH_HAL_WAIT_MS", std::to_string(ms).c_str(), 1); }
+
+  // A list-session command packet, borrowing the constant text.
+  static void Request(MCPInfo* packet) {
+    packet->SetData(MCP_TYPE_CMD, sizeof(kListRequest),
+                    reinterpret_cast<const uint8_t*>(kListRequest), false);
+  }
+
+  // Sends a list-session command and checks that the service answered it.
+  static bool SendsAndGetsReply(HIDLMCPTransmitter& tx) {
+    MCPInfo request;
+    Request(&request);
+    MCPInfo* reply = nullptr;
+    if (!tx.Send(request, &reply, nullptr)) return false;
+    std::unique_ptr<MCPInfo> owned(reply);
+    if (reply == nullptr || reply->type != MCP_TYPE_REPLY) return false;
+    std::string text(reinterpret_cast<const char*>(reply->data), reply->length);
+    return text.find(R"("method":"list")") != std::string::npos;
+  }
+
+  // Sends until one gets its reply, as while pending death notifications are still being handled.
+  static bool SendsEventually(HIDLMCPTransmitter& tx) {
+    for (int i = 0; i < 2000; ++i) {
+      if (SendsAndGetsReply(tx)) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  static size_t Count(const LogCapture& log, const std::string& line) {
+    size_t n = 0;
+    for (const std::string& l : log.Lines()) n += l == line;
+    return n;
+  }
+  // Waits (with a generous guard) until `line` has been logged `n` times.
+  static bool WaitForCount(const LogCapture& log, const std::string& line, size_t n) {
+    for (int i = 0; i < 2000; ++i) {
+      if (Count(log, line) >= n) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+  static constexpr char kListRequest[] =
+      R"({"api":"Tidewatch.Session","arg":{"doerId":0},"method":"list","version":1})"
+      "\n";
+  static constexpr char kAidlConnected[] = "3 HIDLMCPTransmitter AIDL service connect: true";
+  static constexpr char kHidlConnected[] = "3 HIDLMCPTransmitter HIDL service connect: true";
+  static constexpr char kHidlFailed[] = "6 HIDLMCPTransmitter HIDL service connect: false";
+  static constexpr char kDied[] = "6 HIDLMCPTransmitter :: serviceDied";
+
+  EmulatorProcess emulator;
+};
+
+TEST_F(HIDLMCPTransmitterTest, PrefersAidlAndFallsBackToHidl) {
+  const struct {
+    std::vector<std::string> args;
+    bool aidl;
+  } cases[] = {{{}, true}, {{"--aidl"}, true}, {{"--hidl"}, false}};
+  for (const auto& c : cases) {
+    ASSERT_TRUE(emulator.Start(c.args));
+    {
+      LogCapture log(kLogDebug);
+      // The whole command road, through the proxy's own transmitter.
+      MonitorCmdProxy<JsonCmdEncoder> proxy;
+      EXPECT_EQ(proxy.CreateSession(nullptr), 1u);
+      std::vector<uint64_t> ids;
+      EXPECT_EQ(proxy.ListSession(1, ids), 0);
+      EXPECT_EQ(ids, std::vector<uint64_t>{1});
+      EXPECT_EQ(Count(log, kAidlConnected), c.aidl ? 1u : 0u);
+      EXPECT_EQ(Count(log, kHidlConnected), c.aidl ? 0u : 1u);
+      EXPECT_EQ(Count(log, "3 HIDLMCPTransmitter Send CMD MCP to client via AIDL connection"),
+                c.aidl ? 2u : 0u);
+    }
+    emulator.Stop();
+  }
+}
+
+TEST_F(HIDLMCPTransmitterTest, NoServiceFailsEverySend) {
+  setenv("TIDEWATCH_HAL_SOCKET_PREFIX", emulator.prefix().c_str(), 1);
+  LogCapture log(kLogError);
+  HIDLMCPTransmitter tx(nullptr);
+  EXPECT_STREQ(tx.ServerName(), "default");
+  EXPECT_FALSE(tx.CheckValid());
+  MCPInfo request;
+  Request(&request);
+  MCPInfo* reply = nullptr;
+  EXPECT_FALSE(tx.Send(request, &reply, nullptr));
+  EXPECT_EQ(reply, nullptr);
+  // Each Send on a disconnected transmitter looks the service up once more.
+  EXPECT_EQ(log.Lines(), (std::vector<std::string>{
+                             kHidlFailed, kHidlFailed,
+                             "6 Cannot send CMD MCP to TWD HAL, because HAL connection is NULL."}));
+}
+
+// A request too malformed to frame goes out empty all the same; the service's refusal comes back.
+TEST_F(HIDLMCPTransmitterTest, DroppedRequestStillCallsService) {
+  ASSERT_TRUE(emulator.Start());
+  LogCapture log(kLogError);
+  HIDLMCPTransmitter tx("dropped");
+  MCPInfo empty;
+  MCPInfo* reply = nullptr;
+  ASSERT_TRUE(tx.Send(empty, &reply, nullptr));
+  std::unique_ptr<MCPInfo> owned(reply);
+  ASSERT_NE(reply, nullptr);
+  EXPECT_EQ(reply->type, MCP_TYPE_REPLY);
+  EXPECT_EQ(log.Lines(),
+            std::vector<std::string>{"6 Do not need to cmd. data = [(nil)], len = [0]"});
+}
+
+TEST_F(HIDLMCPTransmitterTest, FaultyService) {
+  MCPInfo request;
+  Request(&request);
+  const struct {
+    std::vector<std::string> args;
+    bool sent;
+    std::string error;  // expected error line, or empty
+  } cases[] = {
+      // Nothing came back, so the request still in the buffer is decoded as the reply.
+      {{"--fault=empty-reply"}, true, ""},
+      {{"--fault=transaction-fail"}, false, "6 Send CMD MCP to TWD AIDL service error."},
+      {{"--hidl", "--fault=transaction-fail"}, false, "6 Send CMD MCP to TWD HIDL service error."},
+      {{"--fault=not-mcp"}, false, "6 Failed to parse MCP from buffer"},
+  };
+  for (const auto& c : cases) {
+    ASSERT_TRUE(emulator.Start(c.args));
+    {
+      LogCapture log(kLogError);
+      HIDLMCPTransmitter tx("faulty");
+      MCPInfo* reply = nullptr;
+      EXPECT_EQ(tx.Send(request, &reply, nullptr), c.sent) << c.args.back();
+      std::unique_ptr<MCPInfo> owned(reply);
+      if (c.sent) {
+        ASSERT_NE(reply, nullptr);
+        EXPECT_EQ(reply->type, MCP_TYPE_CMD);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(reply->data), reply->length),
+                  std::string(kListRequest) + '\0');
+      } else {
+        EXPECT_EQ(reply, nullptr);
+      }
+      // The reader's own complaint may come first; the transmitter's error closes the list.
+      if (c.error.empty()) {
+        EXPECT_TRUE(log.Lines().empty()) << log.Lines().front();
+      } else {
+        ASSERT_FALSE(log.Lines().empty());
+        EXPECT_EQ(log.Lines().back(), c.error);
+      }
+      // A failed call is not a death: the handle stays.
+      EXPECT_TRUE(tx.CheckValid());
+    }
+    emulator.Stop();
+  }
+}
+
+// The death notification reconnects by itself when the service is back within the lookup's wait.
+// The hang-up of a killed service can be seen while its endpoint still accepts for a moment, so a
+// reconnection may land on the dying process and be followed by a second death; either way every
+// death ends in a reconnection made by the notification, never by a Send (no lookup fails).
+TEST_F(HIDLMCPTransmitterTest, ReconnectsAidlOnDeath) {
+  SetWaitMs(20000);
+  ASSERT_TRUE(emulator.Start({"--aidl"}));
+  LogCapture log(kLogDebug);
+  HIDLMCPTransmitter tx("death");
+  ASSERT_TRUE(SendsAndGetsReply(tx));
+  emulator.Kill();
+  ASSERT_TRUE(emulator.Restart());
+  // Reconnected before any Send could have done it.
+  ASSERT_TRUE(WaitForCount(log, kAidlConnected, 2));
+  ASSERT_TRUE(SendsEventually(tx));
+  EXPECT_TRUE(tx.CheckValid());
+  EXPECT_EQ(Count(log, kAidlConnected), Count(log, kDied) + 1);
+  EXPECT_EQ(Count(log, kHidlFailed), 0u);
+}
+
+// When the service is not back, the death leaves both handles empty; the next Send reconnects.
+TEST_F(HIDLMCPTransmitterTest, HidlDeathLeavesNoHandleUntilNextSend) {
+  ASSERT_TRUE(emulator.Start({"--hidl"}));
+  LogCapture log(kLogDebug);
+  HIDLMCPTransmitter tx("death");
+  ASSERT_TRUE(SendsAndGetsReply(tx));
+  emulator.Kill();
+  ASSERT_TRUE(WaitForCount(log, kHidlFailed, 1));
+  EXPECT_GE(Count(log, kDied), 1u);
+  EXPECT_FALSE(tx.CheckValid());
+  const size_t connections = Count(log, kHidlConnected);
+  ASSERT_TRUE(emulator.Restart());
+  EXPECT_TRUE(SendsAndGetsReply(tx));
+  EXPECT_EQ(Count(log, kHidlConnected), connections + 1);
+}
+
+// Sends keep going on another thread while the service dies and comes back; the death handler and
+// the sender share the connection mutex, and neither may block the other for good.
+TEST_F(HIDLMCPTransmitterTest, SendsRaceWithDeath) {
+  SetWaitMs(20000);
+  ASSERT_TRUE(emulator.Start({"--aidl"}));
+  LogCapture log(kLogError);
+  HIDLMCPTransmitter tx("race");
+  std::atomic<bool> stop{false};
+  std::atomic<bool> restarted{false};
+  std::atomic<int> okBefore{0};
+  std::atomic<int> okAfter{0};
+  auto sender = std::async(std::launch::async, [&] {
+    while (!stop) {
+      const bool after = restarted;
+      if (SendsAndGetsReply(tx)) {
+        ++(after ? okAfter : okBefore);
+      } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+    }
+  });
+  for (int i = 0; i < 2000 && okBefore < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  emulator.Kill();
+  const bool back = emulator.Restart();
+  restarted = true;
+  for (int i = 0; back && i < 2000 && okAfter < 3; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  stop = true;
+  if (sender.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+    ADD_FAILURE() << "the sender is stuck";
+    _exit(1);  // a deadlocked thread cannot be joined
+  }
+  ASSERT_TRUE(back);
+  EXPECT_GE(okBefore, 3);
+  EXPECT_GE(okAfter, 3);
+  EXPECT_GE(Count(log, kDied), 1u);
+}
+
+}  // namespace
+}  // namespace libtidewatch
