@@ -1,0 +1,37 @@
+// Decides what each receiving session gets next: a synthetic trap that cycles over the session's
+// subscriptions, or the next record of a replay file. Used by the trap thread only.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+#include "emulator/session_table.h"
+#include "emulator/trap_records.h"
+
+namespace libtidewatch {
+
+class TrapSource {
+ public:
+  // Synthetic traps of `payloadSize` bytes.
+  explicit TrapSource(size_t payloadSize);
+  // Replays `records` to every session, from the first record each time the session starts
+  // receiving, and once: a session that has had them all gets nothing more.
+  explicit TrapSource(std::vector<ReplayRecord> records);
+
+  // Appends the session's next trap record to `out` and gives its type byte; false when the
+  // session has nothing more to receive.
+  bool Next(const DeliveringSession& session, std::vector<uint8_t>* out, uint8_t* type);
+
+  // Forgets the position of every session not in `receiving`.
+  void Retain(const std::vector<DeliveringSession>& receiving);
+
+ private:
+  bool m_replay;
+  size_t m_payloadSize = 0;
+  std::vector<ReplayRecord> m_records;
+  std::map<uint64_t, uint64_t> m_position;  // session id -> traps sent so far
+};
+
+}  // namespace libtidewatch

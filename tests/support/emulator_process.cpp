@@ -1,0 +1,135 @@
+#include "tests/support/emulator_process.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <string>
+#include <thread>
+
+namespace tidewatch_test {
+namespace {
+
+constexpr char kReadyLine[] = "tidewatch_hal_emulator: ready\n";
+
+int64_t NowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+// Reads `fd` until the ready line has arrived (true), or it closed or time ran out (false).
+bool WaitForReadyLine(int fd, int timeoutMs) {
+  std::string seen;
+  int64_t deadline = NowMs() + timeoutMs;
+  for (;;) {
+    if (seen.find(kReadyLine) != std::string::npos) return true;
+    int64_t left = deadline - NowMs();
+    if (left <= 0) return false;
+    pollfd p{fd, POLLIN, 0};
+    int n = poll(&p, 1, static_cast<int>(left));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    char buf[256];
+    ssize_t got = read(fd, buf, sizeof(buf));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    seen.append(buf, static_cast<size_t>(got));
+  }
+}
+
+}  // namespace
+
+EmulatorProcess::EmulatorProcess() {
+  static std::atomic<int> counter{0};
+  m_prefix = "twtest." + std::to_string(getpid()) + "." + std::to_string(counter++) + ".";
+}
+
+EmulatorProcess::~EmulatorProcess() { Kill(); }
+
+std::string EmulatorProcess::BinaryPath() { return TIDEWATCH_BIN_DIR "/tidewatch_hal_emulator"; }
+
+bool EmulatorProcess::Start(const std::vector<std::string>& args, int timeoutMs) {
+  Kill();
+  m_args = args;
+  setenv("TIDEWATCH_HAL_SOCKET_PREFIX", m_prefix.c_str(), 1);
+  // Everything the child needs is prepared before fork: after it, only exec-safe calls.
+  std::string binary = BinaryPath();
+  std::vector<char*> argv;
+  argv.push_back(&binary[0]);
+  for (std::string& a : m_args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  int out[2];
+  if (pipe2(out, O_CLOEXEC) != 0) return false;
+  pid_t parent = getpid();
+  pid_t pid = fork();
+  if (pid < 0) {
+    close(out[0]);
+    close(out[1]);
+    return false;
+  }
+  if (pid == 0) {
+    // Never outlive a test binary that crashed.
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(127);
+    dup2(out[1], STDOUT_FILENO);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  close(out[1]);
+  m_pid = pid;
+  bool ready = WaitForReadyLine(out[0], timeoutMs);
+  close(out[0]);  // the emulator writes nothing more there, and ignores SIGPIPE
+  if (!ready) {
+    fprintf(stderr, "%s did not get ready\n", binary.c_str());
+    Kill();
+  }
+  return ready;
+}
+
+int EmulatorProcess::Reap(int graceMs) {
+  int64_t deadline = NowMs() + graceMs;
+  int status = 0;
+  for (;;) {
+    pid_t r = waitpid(m_pid, &status, WNOHANG);
+    if (r == m_pid) break;
+    if (r < 0 && errno != EINTR) {
+      m_pid = -1;
+      return -1;
+    }
+    if (NowMs() > deadline) {
+      kill(m_pid, SIGKILL);
+      deadline = INT64_MAX;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  m_pid = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+int EmulatorProcess::Stop() {
+  if (m_pid <= 0) return -1;
+  kill(m_pid, SIGTERM);
+  return Reap(20000);
+}
+
+void EmulatorProcess::Kill() {
+  if (m_pid <= 0) return;
+  kill(m_pid, SIGKILL);
+  Reap(INT32_MAX);
+}
+
+bool EmulatorProcess::Restart(int timeoutMs) {
+  std::vector<std::string> args = m_args;
+  return Start(args, timeoutMs);
+}
+
+}  // namespace tidewatch_test
