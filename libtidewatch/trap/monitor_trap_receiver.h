@@ -4,9 +4,14 @@
 // and handed to `trapHandler`.
 #pragma once
 
+#include <atomic>
+#include <memory>
+
 #include "libtidewatch/api/monitor_types.h"
+#include "libtidewatch/transport/client_callbacks.h"
 #include "libtidewatch/transport/mcp_info.h"
 #include "libtidewatch/transport/mcp_receiver.h"
+#include "libtidewatch/transport/socket_listener.h"
 
 namespace libtidewatch {
 
@@ -15,11 +20,35 @@ namespace libtidewatch {
 using TrapHandler = void (*)(void* context, unsigned int time, TRAP_TYPE type, unsigned long length,
                              const unsigned char* data, unsigned long discardCount);
 
-class MonitorTrapReceiver;  // defined by the trap-road work; this header fixes its public shape:
-//   MonitorTrapReceiver(unsigned long sessionId, const char* serverName);
-//   virtual ~MonitorTrapReceiver();
-//   bool ProcessPayload(const MCPInfo& in, MCPInfo& out) override;
-//   TrapHandler trapHandler;  // public, null at construction: packets are dropped until set
-//   void* userData;           // public, passed as the handler's context
+// The socket road is always served; the callback is registered with the AIDL service if it runs
+// now, else with the HIDL one if that runs, else with none (no retry, no death watch). Calls of
+// the handler are serialised by the receiver, whichever road they come by.
+class MonitorTrapReceiver : public PayloadHandlerInterface {
+ public:
+  // A null `serverName` counts as empty.
+  MonitorTrapReceiver(unsigned long sessionId, const char* serverName);
+  // Detaches both callbacks (the service may keep calling them; they then refuse the data) and
+  // stops the listener before the receiver goes. The registration itself is not withdrawn.
+  ~MonitorTrapReceiver() override;
+  MonitorTrapReceiver(const MonitorTrapReceiver&) = delete;
+  MonitorTrapReceiver& operator=(const MonitorTrapReceiver&) = delete;
+
+  // Parses one trap packet and calls the handler; never answers (`out` stays empty).
+  bool ProcessPayload(const MCPInfo& in, MCPInfo& out) override;
+
+  // Assigned by the owner at any time, also while traps arrive: null drops packets. Atomic so
+  // that the delivering threads see the assignment cleanly.
+  std::atomic<TrapHandler> trapHandler{nullptr};
+  std::atomic<void*> userData{nullptr};  // passed as the handler's context
+
+ private:
+  SocketListener m_listener;
+  MCPReceiver m_mcpReceiver;
+  std::shared_ptr<
+      vendor::velora::hardware::tidewatch::V1_0::implementation::TidewatchClientCallback>
+      m_hidlCallback;
+  std::shared_ptr<aidl::vendor::velora::hardware::tidewatch::AIDLTidewatchClientCallback>
+      m_aidlCallback;
+};
 
 }  // namespace libtidewatch

@@ -1,0 +1,103 @@
+#include "libtidewatch/trap/monitor_trap_receiver.h"
+
+#include <string>
+
+#include "libtidewatch/platform/hal_service.h"
+#include "libtidewatch/platform/log.h"
+#include "libtidewatch/trap/trap_packer.h"
+
+namespace libtidewatch {
+namespace {
+
+using AidlCallback = aidl::vendor::velora::hardware::tidewatch::AIDLTidewatchClientCallback;
+using HidlCallback =
+    vendor::velora::hardware::tidewatch::V1_0::implementation::TidewatchClientCallback;
+
+constexpr size_t kRecordHeaderSize = 5;  // type (1) and length (4) of a raw trap record
+
+// The session id in decimal directly followed by the server name: "5" and "trapd" give "5trapd".
+std::string DestinationName(unsigned long sessionId, const char* serverName) {
+  return std::to_string(sessionId) + (serverName != nullptr ? serverName : "");
+}
+
+// How many bytes of the last trap record's payload `raw` really holds. A record's length field
+// may run past the end of the data, and the handler must never be told to read beyond it.
+size_t PresentPayloadBytes(const uint8_t* raw, size_t rawLength) {
+  uint64_t offset = 0;
+  uint64_t payload = rawLength;
+  while (offset < rawLength && raw[offset] != TRAP_TYPE_DISCARD_INFO) {
+    payload = offset + kRecordHeaderSize;
+    uint32_t length = 0;
+    for (uint64_t i = 0; i < 4 && offset + 1 + i < rawLength; ++i) {
+      length |= static_cast<uint32_t>(raw[offset + 1 + i]) << (8 * i);
+    }
+    offset = payload + length;
+  }
+  return payload < rawLength ? static_cast<size_t>(rawLength - payload) : 0;
+}
+
+}  // namespace
+
+MonitorTrapReceiver::MonitorTrapReceiver(unsigned long sessionId, const char* serverName)
+    : m_listener(DestinationName(sessionId, serverName).c_str()) {
+  TW_LOGD("MonitorTrapReceiver Constructor");
+  m_mcpReceiver.SetPayloadHandler(MCP_TYPE_TRAP, this);
+  m_listener.SetHandler(&m_mcpReceiver);
+
+  m_aidlCallback = std::make_shared<AidlCallback>();
+  m_aidlCallback->SetReceiver(&m_mcpReceiver);
+  m_hidlCallback = std::make_shared<HidlCallback>();
+  m_hidlCallback->SetReceiver(&m_mcpReceiver);
+
+  // The non-blocking lookup: a receiver must come up at once when no service runs.
+  if (std::shared_ptr<HalService> aidl = CheckAidlHalService()) {
+    TW_LOGD("MonitorTrapReceiver AIDL service connect: true");
+    aidl->RegisterTrapCallback(DestinationName(sessionId, serverName), m_aidlCallback);
+  } else if (std::shared_ptr<HalService> hidl = GetHidlHalService()) {
+    TW_LOGD("MonitorTrapReceiver HIDL service connect: true");
+    hidl->RegisterTrapCallback(DestinationName(sessionId, serverName), m_hidlCallback);
+    TW_LOGD("MonitorTrapReceiver HIDL service registerTrapCallback done");
+  } else {
+    TW_LOGD("MonitorTrapReceiver HIDL service connect: false");
+  }
+  TW_LOGD("MonitorTrapReceiver Constructor done! Server name is %lu%s", sessionId, serverName);
+}
+
+MonitorTrapReceiver::~MonitorTrapReceiver() {
+  // The service may hold the callbacks longer than this object: detached, they refuse the data
+  // instead of reaching the receiver destroyed below.
+  m_hidlCallback->SetReceiver(nullptr);
+  m_hidlCallback.reset();
+  m_aidlCallback->SetReceiver(nullptr);
+  m_aidlCallback.reset();
+  TW_LOGD("MonitorTrapReceiver destructor done!");
+  // The receiver is destroyed before the listener; the listener's thread must be gone by then.
+  m_listener.Stop();
+}
+
+bool MonitorTrapReceiver::ProcessPayload(const MCPInfo& in, MCPInfo& /*out*/) {
+  TrapPacker packer(in.data, in.length);
+  const TrapHandler handler = trapHandler.load(std::memory_order_acquire);
+  if (handler == nullptr) return true;
+
+  // Only the two message-carrying types count as discarded traps.
+  const unsigned long discardCount =
+      static_cast<unsigned long>(packer.GetDiscardInfo(TRAP_TYPE_OTA)) +
+      packer.GetDiscardInfo(TRAP_TYPE_EM);
+  TRAP_TYPE type = TRAP_TYPE_NONE;
+  size_t length = 0;
+  const uint8_t* data = nullptr;
+  if (packer.IsInitialized()) {
+    type = packer.GetTrapType();
+    data = packer.GetTrapData();
+    length = packer.GetTrapDataLength();
+    if (data != nullptr) {
+      const size_t present = PresentPayloadBytes(in.data, in.length);
+      if (length > present) length = present;
+    }
+  }
+  handler(userData.load(std::memory_order_acquire), 0, type, length, data, discardCount);
+  return true;
+}
+
+}  // namespace libtidewatch

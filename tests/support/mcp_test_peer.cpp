@@ -1,0 +1,148 @@
+#include "tests/support/mcp_test_peer.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stddef.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+
+#include "libtidewatch/platform/log.h"
+
+namespace tidewatch_test {
+namespace {
+
+// Never destroyed: platform threads that outlive a test may still log through the sink while the
+// process exits.
+struct LogStore {
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> lines;
+};
+LogStore& Store() {
+  static LogStore* store = new LogStore;
+  return *store;
+}
+
+void PutLE32(Bytes& out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+}  // namespace
+
+std::string UniqueSocketName(const char* suffix) {
+  const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+  std::string name = "tw_test_";
+  if (info != nullptr) name += std::string(info->test_suite_name()) + "." + info->name();
+  return name + "." + std::to_string(getpid()) + suffix;
+}
+
+int ConnectAbstractName(const std::string& name) {
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return -1;
+  sockaddr_un addr;
+  memset(&addr, 0, sizeof(addr));
+  addr.sun_family = AF_UNIX;
+  size_t n = name.size() < sizeof(addr.sun_path) - 1 ? name.size() : sizeof(addr.sun_path) - 1;
+  memcpy(addr.sun_path + 1, name.data(), n);
+  socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + n);
+  while (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+    if (errno == EINTR) continue;
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+bool WriteAll(int fd, const uint8_t* bytes, size_t len) {
+  while (len > 0) {
+    ssize_t n = send(fd, bytes, len, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    bytes += n;
+    len -= static_cast<size_t>(n);
+  }
+  return true;
+}
+
+Bytes McpPacket(libtidewatch::MCP_TYPE type, const Bytes& payload, int64_t length) {
+  Bytes out;
+  PutLE32(out, libtidewatch::HEADER_MAGIC);
+  uint16_t magic = type >= 1 && type <= 3 ? libtidewatch::kMcpTypeMagics[type - 1].magic : 0;
+  out.push_back(static_cast<uint8_t>(magic));
+  out.push_back(static_cast<uint8_t>(magic >> 8));
+  PutLE32(out, static_cast<uint32_t>(length < 0 ? static_cast<int64_t>(payload.size()) : length));
+  out.insert(out.end(), payload.begin(), payload.end());
+  return out;
+}
+
+Bytes TrapRecord(uint8_t type, const Bytes& payload, int64_t length) {
+  Bytes out{type};
+  PutLE32(out, static_cast<uint32_t>(length < 0 ? static_cast<int64_t>(payload.size()) : length));
+  out.insert(out.end(), payload.begin(), payload.end());
+  return out;
+}
+
+Bytes DiscardRecord(const std::vector<std::pair<uint8_t, uint32_t>>& entries) {
+  Bytes out{1};
+  PutLE32(out, static_cast<uint32_t>(entries.size()));
+  for (const auto& entry : entries) {
+    out.push_back(entry.first);
+    PutLE32(out, entry.second);
+  }
+  return out;
+}
+
+Bytes Concat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
+  return out;
+}
+
+LogCapture::LogCapture(int threshold) {
+  {
+    std::lock_guard<std::mutex> lock(Store().mutex);
+    Store().lines.clear();
+  }
+  libtidewatch::SetLogSink(&Sink);
+  libtidewatch::SetLogThreshold(threshold);
+}
+
+LogCapture::~LogCapture() {
+  libtidewatch::SetLogThreshold(libtidewatch::kLogError);
+  libtidewatch::SetLogSink(nullptr);
+}
+
+void LogCapture::Sink(int priority, const char* /*tag*/, const char* text) {
+  LogStore& store = Store();
+  std::lock_guard<std::mutex> lock(store.mutex);
+  store.lines.push_back(std::to_string(priority) + " " + text);
+  store.changed.notify_all();
+}
+
+std::vector<std::string> LogCapture::Lines() const {
+  std::lock_guard<std::mutex> lock(Store().mutex);
+  return Store().lines;
+}
+
+bool LogCapture::Contains(const std::string& line) const {
+  std::vector<std::string> lines = Lines();
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+bool LogCapture::WaitForText(const std::string& text) const {
+  LogStore& store = Store();
+  std::unique_lock<std::mutex> lock(store.mutex);
+  return store.changed.wait_for(lock, std::chrono::seconds(20), [&] {
+    for (const std::string& l : store.lines) {
+      if (l.find(text) != std::string::npos) return true;
+    }
+    return false;
+  });
+}
+
+}  // namespace tidewatch_test

@@ -1,0 +1,300 @@
+#include "libtidewatch/transport/mcp_receiver.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libtidewatch/platform/log.h"
+#include "libtidewatch/transport/client_callbacks.h"
+#include "libtidewatch/transport/socket_listener.h"
+#include "tests/support/mcp_test_peer.h"
+
+namespace libtidewatch {
+namespace {
+
+using tidewatch_test::Bytes;
+using tidewatch_test::Concat;
+using tidewatch_test::ConnectAbstractName;
+using tidewatch_test::LogCapture;
+using tidewatch_test::McpPacket;
+using tidewatch_test::UniqueSocketName;
+using tidewatch_test::WriteAll;
+
+Bytes B(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+class McpReceiverTest : public ::testing::Test {
+ protected:
+  struct Seen {
+    MCP_TYPE type;
+    std::string payload;
+    bool operator==(const Seen& o) const { return type == o.type && payload == o.payload; }
+  };
+
+  // Records every packet; answers with `answer` when it is set; notices overlapping calls.
+  class RecordingHandler : public PayloadHandlerInterface {
+   public:
+    bool ProcessPayload(const MCPInfo& in, MCPInfo& out) override {
+      if (m_inside.fetch_add(1) != 0) m_overlapped = true;
+      std::this_thread::yield();  // widens the window in which a second caller would overlap
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_seen.push_back({in.type, std::string(reinterpret_cast<const char*>(in.data), in.length)});
+        m_changed.notify_all();
+      }
+      if (!answer.empty()) out.SetData(MCP_TYPE_REPLY, answer.size(), answer.data(), true);
+      m_inside.fetch_sub(1);
+      return true;
+    }
+    std::vector<Seen> TakeSeen() {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      std::vector<Seen> seen;
+      seen.swap(m_seen);
+      return seen;
+    }
+    bool WaitForCount(size_t n) {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      return m_changed.wait_for(lock, std::chrono::seconds(60), [&] { return m_seen.size() >= n; });
+    }
+    bool Overlapped() const { return m_overlapped; }
+
+    Bytes answer;
+
+   private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Seen> m_seen;
+    std::atomic<int> m_inside{0};
+    std::atomic<bool> m_overlapped{false};
+  };
+
+  // One end of a socket pair as an accepted connection, the other as its peer.
+  struct Link {
+    std::unique_ptr<SocketConnection> conn;
+    int peer = -1;
+    ~Link() {
+      if (peer >= 0) close(peer);
+    }
+  };
+
+  void SetUp() override {
+    for (MCP_TYPE t : {MCP_TYPE_CMD, MCP_TYPE_REPLY, MCP_TYPE_TRAP}) {
+      receiver.SetPayloadHandler(t, &handler);
+    }
+  }
+
+  static std::unique_ptr<Link> NewLink() {
+    auto link = std::make_unique<Link>();
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0) return link;
+    fcntl(pair[0], F_SETFL, fcntl(pair[0], F_GETFL) | O_NONBLOCK);
+    link->conn = std::make_unique<SocketConnection>(pair[0], "peer");
+    link->peer = pair[1];
+    return link;
+  }
+
+  // Writes `bytes` from the peer and lets the receiver read them.
+  bool Feed(Link& link, const Bytes& bytes) {
+    EXPECT_TRUE(WriteAll(link.peer, bytes));
+    return receiver.DataIn(*link.conn);
+  }
+
+  bool Callback(const Bytes& bytes) {
+    return receiver.DataIn(bytes.data(), bytes.size(), *replies);
+  }
+
+  RecordingHandler handler;
+  MCPReceiver receiver;
+  std::unique_ptr<DataQueue> replies{new DataQueue};
+};
+
+// The first payload is itself a whole packet: were an awaited payload searched for a header again,
+// the inner packet would come out instead of the outer one.
+TEST_F(McpReceiverTest, StreamCutAnywhereGivesEveryPacketOnceInOrder) {
+  const Bytes inner = McpPacket(MCP_TYPE_CMD, B("inner"));
+  const Bytes stream =
+      Concat({McpPacket(MCP_TYPE_TRAP, inner), McpPacket(MCP_TYPE_CMD, B(std::string("2\0", 2)))});
+  const std::vector<Seen> expected = {{MCP_TYPE_TRAP, std::string(inner.begin(), inner.end())},
+                                      {MCP_TYPE_CMD, std::string("2\0", 2)}};
+  auto link = NewLink();
+  for (size_t cut = 0; cut < stream.size(); ++cut) {  // cut 0: both packets in one read
+    SCOPED_TRACE("cut at " + std::to_string(cut));
+    Feed(*link, Bytes(stream.begin(), stream.begin() + cut));
+    EXPECT_TRUE(Feed(*link, Bytes(stream.begin() + cut, stream.end())));
+    EXPECT_EQ(handler.TakeSeen(), expected);
+  }
+  for (uint8_t byte : stream) Feed(*link, {byte});
+  EXPECT_EQ(handler.TakeSeen(), expected);
+}
+
+// Half a packet waits for the rest on its own connection; another connection's packet, or one
+// pushed through a callback, neither completes it nor is swallowed by it.
+TEST_F(McpReceiverTest, HalfPacketBelongsToItsConnection) {
+  const Bytes fromA = McpPacket(MCP_TYPE_TRAP, B("payload of a"));
+  auto a = NewLink();
+  auto b = NewLink();
+  EXPECT_FALSE(Feed(*a, Bytes(fromA.begin(), fromA.begin() + 12)));
+  EXPECT_TRUE(Feed(*b, McpPacket(MCP_TYPE_TRAP, B("from b"))));
+  EXPECT_TRUE(Callback(McpPacket(MCP_TYPE_TRAP, B("from callback"))));
+  EXPECT_TRUE(Feed(*a, Bytes(fromA.begin() + 12, fromA.end())));
+  EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "from b"},
+                                                   {MCP_TYPE_TRAP, "from callback"},
+                                                   {MCP_TYPE_TRAP, "payload of a"}}));
+}
+
+// A connection lost mid-packet leaves nothing behind for a later connection, which may well be
+// allocated at the same address.
+TEST_F(McpReceiverTest, LostConnectionDropsItsHalfPacket) {
+  for (int round = 0; round < 3; ++round) {
+    auto gone = NewLink();
+    const Bytes announced = McpPacket(MCP_TYPE_TRAP, {}, 64);
+    EXPECT_FALSE(Feed(*gone, Concat({announced, B("part")})));
+    close(gone->peer);
+    gone->peer = -1;
+    EXPECT_FALSE(receiver.DataIn(*gone->conn));
+    EXPECT_FALSE(gone->conn->valid);
+    gone.reset();
+
+    auto fresh = NewLink();
+    EXPECT_TRUE(Feed(*fresh, McpPacket(MCP_TYPE_TRAP, B("whole"))));
+    EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "whole"}}));
+  }
+}
+
+TEST_F(McpReceiverTest, HandlerTableTakesOnlyDefinedTypes) {
+  RecordingHandler other;
+  for (uint32_t type : {0u, 4u, 0xFFFFFFFFu}) {
+    receiver.SetPayloadHandler(static_cast<MCP_TYPE>(type), &other);
+  }
+  receiver.SetPayloadHandler(MCP_TYPE_CMD, nullptr);  // a packet without handler is consumed
+  auto link = NewLink();
+  EXPECT_TRUE(
+      Feed(*link, Concat({McpPacket(MCP_TYPE_CMD, B("c")), McpPacket(MCP_TYPE_REPLY, B("r")),
+                          McpPacket(MCP_TYPE_TRAP, B("t"))})));
+  EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_REPLY, "r"}, {MCP_TYPE_TRAP, "t"}}));
+  EXPECT_TRUE(other.TakeSeen().empty());
+
+  receiver.SetPayloadHandler(MCP_TYPE_TRAP, &other);  // a later call replaces the handler
+  EXPECT_TRUE(Callback(McpPacket(MCP_TYPE_TRAP, B("t2"))));
+  EXPECT_EQ(other.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "t2"}}));
+}
+
+TEST_F(McpReceiverTest, AnswersGoBackTheWayThePacketCame) {
+  handler.answer = B("pong");
+  const Bytes wire = McpPacket(MCP_TYPE_REPLY, B("pong"));
+
+  auto link = NewLink();
+  EXPECT_TRUE(Feed(*link, McpPacket(MCP_TYPE_CMD, B("ping"))));
+  Bytes got(wire.size() + 1);
+  ASSERT_EQ(recv(link->peer, got.data(), got.size(), MSG_DONTWAIT),
+            static_cast<ssize_t>(wire.size()));
+  got.resize(wire.size());
+  EXPECT_EQ(got, wire);
+
+  EXPECT_TRUE(Callback(McpPacket(MCP_TYPE_CMD, B("ping"))));
+  EXPECT_EQ(Bytes(replies->Front(), replies->Front() + replies->size), wire);
+}
+
+TEST_F(McpReceiverTest, CallbackHandlesOnlyTheFirstWholePacket) {
+  const struct {
+    const char* what;
+    Bytes buffer;
+    bool ok;
+  } cases[] = {
+      {"empty", {}, false},
+      {"garbage", B("no header in here at all"), false},
+      {"header announcing more than carried", McpPacket(MCP_TYPE_TRAP, B("abcd"), 10), false},
+      {"two packets",
+       Concat({McpPacket(MCP_TYPE_TRAP, B("1st")), McpPacket(MCP_TYPE_TRAP, B("2nd"))}), true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    LogCapture log(kLogError);
+    EXPECT_EQ(Callback(c.buffer), c.ok);
+    EXPECT_EQ(log.Contains("6 Failed to parse MCP from buffer"), !c.ok);
+    EXPECT_EQ(handler.TakeSeen(),
+              c.ok ? (std::vector<Seen>{{MCP_TYPE_TRAP, "1st"}}) : std::vector<Seen>{});
+    // A failed buffer leaves no half packet behind for either road.
+    auto link = NewLink();
+    EXPECT_TRUE(Feed(*link, McpPacket(MCP_TYPE_TRAP, B("next"))));
+    EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "next"}}));
+  }
+}
+
+// Socket clients and callback threads deliver at the same time; the handler is never entered twice
+// at once and nothing is lost. Run under ThreadSanitizer too.
+TEST_F(McpReceiverTest, BothRoadsAtOnceAreSerialised) {
+  constexpr int kCallbackThreads = 4;
+  constexpr int kSocketClients = 2;
+  constexpr int kPerSender = 300;
+  std::string name = UniqueSocketName();
+  SocketListener listener(name.c_str());
+  listener.SetHandler(&receiver);
+  // One object of each generation, as the trap receiver has: they do not serialise each other.
+  auto aidl =
+      std::make_shared<aidl::vendor::velora::hardware::tidewatch::AIDLTidewatchClientCallback>();
+  auto hidl = std::make_shared<
+      vendor::velora::hardware::tidewatch::V1_0::implementation::TidewatchClientCallback>();
+  aidl->SetReceiver(&receiver);
+  hidl->SetReceiver(&receiver);
+
+  std::vector<std::thread> senders;
+  for (int t = 0; t < kCallbackThreads; ++t) {
+    senders.emplace_back([&, t] {
+      for (int i = 0; i < kPerSender; ++i) {
+        const Bytes packet =
+            McpPacket(MCP_TYPE_TRAP, B("cb" + std::to_string(t) + "." + std::to_string(i)));
+        bool taken = false;
+        if (t % 2 == 0) {
+          EXPECT_TRUE(aidl->MCPReceiver(packet, &taken));
+        } else {
+          taken = hidl->MCPReceiver(packet);
+        }
+        EXPECT_TRUE(taken);
+      }
+    });
+  }
+  for (int c = 0; c < kSocketClients; ++c) {
+    senders.emplace_back([&, c] {
+      int fd = ConnectAbstractName(name);
+      ASSERT_GE(fd, 0);
+      for (int i = 0; i < kPerSender; ++i) {
+        EXPECT_TRUE(WriteAll(
+            fd, McpPacket(MCP_TYPE_TRAP, B("so" + std::to_string(c) + "." + std::to_string(i)))));
+      }
+      close(fd);
+    });
+  }
+  for (std::thread& t : senders) t.join();
+  ASSERT_TRUE(handler.WaitForCount((kCallbackThreads + kSocketClients) * kPerSender));
+  listener.Stop();
+  aidl->SetReceiver(nullptr);
+  hidl->SetReceiver(nullptr);
+
+  std::vector<Seen> seen = handler.TakeSeen();
+  EXPECT_FALSE(handler.Overlapped());
+  EXPECT_EQ(seen.size(), static_cast<size_t>((kCallbackThreads + kSocketClients) * kPerSender));
+  // Each socket client's packets arrive whole and in the order sent.
+  for (int c = 0; c < kSocketClients; ++c) {
+    int next = 0;
+    const std::string prefix = "so" + std::to_string(c) + ".";
+    for (const Seen& s : seen) {
+      if (s.payload.compare(0, prefix.size(), prefix) != 0) continue;
+      EXPECT_EQ(s.payload, prefix + std::to_string(next));
+      ++next;
+    }
+    EXPECT_EQ(next, kPerSender);
+  }
+}
+
+}  // namespace
+}  // namespace libtidewatch

@@ -1,0 +1,356 @@
+#include "libtidewatch/trap/monitor_trap_receiver.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "libtidewatch/api/json_cmd_encoder.h"
+#include "libtidewatch/api/monitor_cmd_proxy.h"
+#include "libtidewatch/platform/log.h"
+#include "tests/support/emulator_process.h"
+#include "tests/support/mcp_test_peer.h"
+
+namespace libtidewatch {
+namespace {
+
+using tidewatch_test::Bytes;
+using tidewatch_test::Concat;
+using tidewatch_test::ConnectAbstractName;
+using tidewatch_test::DiscardRecord;
+using tidewatch_test::LogCapture;
+using tidewatch_test::McpPacket;
+using tidewatch_test::TrapRecord;
+using tidewatch_test::UniqueSocketName;
+using tidewatch_test::WriteAll;
+
+Bytes B(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+class MonitorTrapReceiverTest : public ::testing::Test {
+ protected:
+  struct Call {
+    void* context;
+    unsigned int time;
+    TRAP_TYPE type;
+    unsigned long length;
+    bool dataNull;
+    std::string data;  // the `length` bytes at `data`
+    unsigned long discardCount;
+  };
+
+  // The handler's context: collects every call.
+  class Recorder {
+   public:
+    static void Handle(void* context, unsigned int time, TRAP_TYPE type, unsigned long length,
+                       const unsigned char* data, unsigned long discardCount) {
+      auto* self = static_cast<Recorder*>(context);
+      std::lock_guard<std::mutex> lock(self->m_mutex);
+      self->m_calls.push_back({context, time, type, length, data == nullptr,
+                               data == nullptr
+                                   ? std::string()
+                                   : std::string(reinterpret_cast<const char*>(data), length),
+                               discardCount});
+      self->m_changed.notify_all();
+    }
+    bool WaitForCount(size_t n) {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      return m_changed.wait_for(lock, std::chrono::seconds(60),
+                                [&] { return m_calls.size() >= n; });
+    }
+    std::vector<Call> Calls() {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      return m_calls;
+    }
+
+   private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<Call> m_calls;
+  };
+
+  void SetUp() override {
+    // No service may be found by accident: look it up under a prefix nobody publishes.
+    setenv("TIDEWATCH_HAL_SOCKET_PREFIX", UniqueSocketName(".nohal.").c_str(), 1);
+    m_serverName = UniqueSocketName();
+  }
+  void TearDown() override {
+    for (int fd : m_fds) close(fd);
+    unsetenv("TIDEWATCH_HAL_SOCKET_PREFIX");
+    unsetenv("TIDEWATCH_HAL_WAIT_MS");
+  }
+
+  std::unique_ptr<MonitorTrapReceiver> NewReceiver(unsigned long sessionId,
+                                                   const char* serverName) {
+    auto receiver = std::make_unique<MonitorTrapReceiver>(sessionId, serverName);
+    receiver->userData = &recorder;
+    receiver->trapHandler = &Recorder::Handle;
+    return receiver;
+  }
+
+  // A client connection kept open until the test ends.
+  int Connect(const std::string& name) {
+    int fd = ConnectAbstractName(name);
+    if (fd >= 0) m_fds.push_back(fd);
+    return fd;
+  }
+
+  // Sends one trap packet from a fresh client and waits for the handler to see it as call `n`.
+  void ExpectTrapArrives(const std::string& name, const std::string& text, size_t n) {
+    int fd = ConnectAbstractName(name);
+    ASSERT_GE(fd, 0);
+    ASSERT_TRUE(WriteAll(fd, McpPacket(MCP_TYPE_TRAP, TrapRecord(TRAP_TYPE_EM, B(text)))));
+    ASSERT_TRUE(recorder.WaitForCount(n)) << "no trap " << text;
+    close(fd);
+    EXPECT_EQ(recorder.Calls()[n - 1].data, text);
+  }
+
+  Recorder recorder;
+  std::string m_serverName;
+  std::vector<int> m_fds;
+};
+
+// Session 7 without a server name: the destination is "7". The name is shared by every process on
+// the machine, so a run that finds it taken cannot check anything.
+TEST_F(MonitorTrapReceiverTest, NullServerNameUsesTheSessionNumberAlone) {
+  LogCapture log(kLogDebug);
+  auto receiver = NewReceiver(7, nullptr);
+  if (log.Contains("6 Fail to setup domain socket.")) {
+    GTEST_SKIP() << "the abstract socket name \"7\" is taken by another process";
+  }
+  EXPECT_TRUE(log.Contains("3 MonitorTrapReceiver HIDL service connect: false"));
+  EXPECT_TRUE(log.Contains("3 MonitorTrapReceiver Constructor done! Server name is 7(null)"));
+  ExpectTrapArrives("7", "seven", 1);
+}
+
+TEST_F(MonitorTrapReceiverTest, TrapsOverTheSocketReachTheHandler) {
+  const struct {
+    const char* what;
+    Bytes raw;
+    TRAP_TYPE type;
+    bool dataNull;
+    std::string data;
+    unsigned long discardCount;
+  } cases[] = {
+      {"EM trap", TrapRecord(TRAP_TYPE_EM, B("em-data")), TRAP_TYPE_EM, false, "em-data", 0},
+      // Only the OTA and EM discard counts are reported.
+      {"OTA trap with discards",
+       Concat({TrapRecord(TRAP_TYPE_OTA, B("ota")),
+               DiscardRecord({{TRAP_TYPE_OTA, 3}, {TRAP_TYPE_EM, 4}, {TRAP_TYPE_IP, 9}})}),
+       TRAP_TYPE_OTA, false, "ota", 7},
+      {"last record wins",
+       Concat({TrapRecord(TRAP_TYPE_OTA, B("a")), TrapRecord(TRAP_TYPE_VOLTE, B("volte"))}),
+       TRAP_TYPE_VOLTE, false, "volte", 0},
+      {"unknown record type", TrapRecord(12, B("x")), TRAP_TYPE_NONE, false, "x", 0},
+      // A length field running past the data never makes the handler read beyond it.
+      {"record cut short", TrapRecord(TRAP_TYPE_EM, B("abc"), 1000), TRAP_TYPE_EM, false, "abc", 0},
+      {"cut inside the record header", Concat({TrapRecord(TRAP_TYPE_OTA, B("a")), Bytes{3, 9}}),
+       TRAP_TYPE_EM, false, "", 0},
+      {"discard record not last",
+       Concat({DiscardRecord({{TRAP_TYPE_OTA, 1}}), TrapRecord(TRAP_TYPE_OTA, B("late"))}),
+       TRAP_TYPE_NONE, true, "", 0},
+      {"too long to parse", TrapRecord(TRAP_TYPE_OTA, Bytes(70000, 'o')), TRAP_TYPE_NONE, true, "",
+       0},
+  };
+  auto receiver = NewReceiver(5, m_serverName.c_str());
+  int fd = Connect("5" + m_serverName);
+  ASSERT_GE(fd, 0);
+  Bytes all;
+  for (const auto& c : cases) all = Concat({all, McpPacket(MCP_TYPE_TRAP, c.raw)});
+  ASSERT_TRUE(WriteAll(fd, all));
+  ASSERT_TRUE(recorder.WaitForCount(std::size(cases)));
+
+  std::vector<Call> calls = recorder.Calls();
+  ASSERT_EQ(calls.size(), std::size(cases));
+  for (size_t i = 0; i < calls.size(); ++i) {
+    SCOPED_TRACE(cases[i].what);
+    EXPECT_EQ(calls[i].context, &recorder);
+    EXPECT_EQ(calls[i].time, 0u);
+    EXPECT_EQ(calls[i].type, cases[i].type);
+    EXPECT_EQ(calls[i].dataNull, cases[i].dataNull);
+    EXPECT_EQ(calls[i].data, cases[i].data);
+    EXPECT_EQ(calls[i].length, cases[i].data.size());
+    EXPECT_EQ(calls[i].discardCount, cases[i].discardCount);
+  }
+}
+
+TEST_F(MonitorTrapReceiverTest, PayloadsWithoutHandlerOrBytes) {
+  auto receiver = NewReceiver(6, m_serverName.c_str());
+  MCPInfo in;
+  MCPInfo out;
+  EXPECT_TRUE(receiver->ProcessPayload(in, out));  // a payload of 0 bytes still reaches the handler
+  const Bytes raw = TrapRecord(TRAP_TYPE_OTA, B("dropped"));
+  in.SetData(MCP_TYPE_TRAP, raw.size(), raw.data(), false);
+  receiver->trapHandler = nullptr;
+  EXPECT_TRUE(receiver->ProcessPayload(in, out));
+  EXPECT_EQ(out.length, 0u);
+
+  std::vector<Call> calls = recorder.Calls();
+  ASSERT_EQ(calls.size(), 1u);
+  EXPECT_EQ(calls[0].time, 0u);
+  EXPECT_EQ(calls[0].type, TRAP_TYPE_NONE);
+  EXPECT_EQ(calls[0].length, 0u);
+  EXPECT_TRUE(calls[0].dataNull);
+  EXPECT_EQ(calls[0].discardCount, 0u);
+}
+
+// Peers that send rubbish, stall or vanish: the receiver keeps serving, and every whole packet
+// sent after the rubbish arrives, exactly once.
+TEST_F(MonitorTrapReceiverTest, HostilePeersDoNotStopTheService) {
+  const std::string name = "9" + m_serverName;
+  auto receiver = NewReceiver(9, m_serverName.c_str());
+  const Bytes magic = McpPacket(MCP_TYPE_TRAP, {}, 0);  // a header claiming an empty payload
+  const Bytes bigHeader = McpPacket(MCP_TYPE_TRAP, {}, 131072);
+  Bytes noise;
+  for (int i = 0; i < 5000; ++i) noise.push_back(static_cast<uint8_t>((i * 7919) % 251 + 1) & 0x7F);
+
+  // Rubbish followed, on the same connection, by a good packet, which must still be found.
+  const struct {
+    const char* what;
+    Bytes rubbish;
+  } garbage[] = {
+      {"noise", noise},
+      {"magic with a bad type", Concat({Bytes(magic.begin(), magic.begin() + 4), B("zz")})},
+      {"length 0", magic},
+      {"length 131073", McpPacket(MCP_TYPE_TRAP, {}, 131073)},
+      {"a partial magic", Bytes(magic.begin(), magic.begin() + 3)},
+  };
+  size_t expected = 0;
+  int fd = Connect(name);
+  ASSERT_GE(fd, 0);
+  for (const auto& g : garbage) {
+    SCOPED_TRACE(g.what);
+    ASSERT_TRUE(WriteAll(
+        fd, Concat({g.rubbish, McpPacket(MCP_TYPE_TRAP, TrapRecord(TRAP_TYPE_EM, B(g.what)))})));
+    ASSERT_TRUE(recorder.WaitForCount(++expected));
+    EXPECT_EQ(recorder.Calls().back().data, g.what);
+  }
+
+  // A packet written one byte at a time.
+  const Bytes slow = McpPacket(MCP_TYPE_TRAP, TrapRecord(TRAP_TYPE_OTA, B("byte by byte")));
+  for (uint8_t byte : slow) ASSERT_TRUE(WriteAll(fd, &byte, 1));
+  ASSERT_TRUE(recorder.WaitForCount(++expected));
+  EXPECT_EQ(recorder.Calls().back().data, "byte by byte");
+
+  // A header announcing the largest payload, which never comes, on a connection kept open.
+  int stalled = Connect(name);
+  ASSERT_TRUE(WriteAll(stalled, bigHeader));
+  ExpectTrapArrives(name, "after a stalled header", ++expected);
+
+  // A client that connects and never sends.
+  ASSERT_GE(Connect(name), 0);
+  ExpectTrapArrives(name, "after a silent client", ++expected);
+
+  // A client that closes in the middle of a packet.
+  int quitter = ConnectAbstractName(name);
+  ASSERT_GE(quitter, 0);
+  const Bytes half = McpPacket(MCP_TYPE_TRAP, TrapRecord(TRAP_TYPE_EM, B("never whole")));
+  ASSERT_TRUE(WriteAll(quitter, half.data(), half.size() / 2));
+  close(quitter);
+  ExpectTrapArrives(name, "after a quitter", ++expected);
+
+  for (int i = 0; i < 10000; ++i) {
+    int brief = ConnectAbstractName(name);
+    ASSERT_GE(brief, 0) << "cycle " << i;
+    close(brief);
+  }
+  ExpectTrapArrives(name, "after 10000 cycles", ++expected);
+
+  EXPECT_EQ(recorder.Calls().size(), expected);
+}
+
+// More connections at once than `select` can watch: those beyond its limit are refused, and the
+// service carries on once they are gone.
+TEST_F(MonitorTrapReceiverTest, ConnectionsBeyondTheSelectLimitAreRefused) {
+  constexpr int kClients = 1100;
+  rlimit saved;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &saved), 0);
+  // Both ends live in this process, and every accepted end needs a descriptor of its own.
+  const rlim_t needed = 2 * kClients + 64;
+  if (saved.rlim_max != RLIM_INFINITY && saved.rlim_max < needed) {
+    GTEST_SKIP() << "the hard limit of open files (" << saved.rlim_max << ") is below " << needed;
+  }
+  rlimit raised = saved;
+  raised.rlim_cur = saved.rlim_max;
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &raised), 0);
+
+  LogCapture log(kLogError);
+  const std::string name = "11" + m_serverName;
+  auto receiver = NewReceiver(11, m_serverName.c_str());
+  std::vector<int> clients;
+  for (int i = 0; i < kClients; ++i) {
+    int fd = ConnectAbstractName(name);
+    ASSERT_GE(fd, 0) << "client " << i;
+    clients.push_back(fd);
+  }
+  EXPECT_TRUE(log.WaitForText("does not fit in the select set"));
+  for (int fd : clients) close(fd);
+  ExpectTrapArrives(name, "fresh", 1);
+
+  receiver.reset();
+  setrlimit(RLIMIT_NOFILE, &saved);
+}
+
+// Traps pushed by the service emulator through the registered callback, for each generation it may
+// publish. The receiver is destroyed while traps keep coming: the detached callbacks then refuse
+// them.
+TEST_F(MonitorTrapReceiverTest, TrapsArriveThroughTheServiceCallback) {
+  const struct {
+    const char* publish;
+    const char* connectLine;
+    const char* callbackLine;
+    const char* refusedLine;
+  } cases[] = {
+      {"--aidl", "3 MonitorTrapReceiver AIDL service connect: true",
+       "3 AIDLTidewatchClientCallback MCPReceiver in",
+       "3 AIDLTidewatchClientCallback MCPReceiver out"},
+      {"--hidl", "3 MonitorTrapReceiver HIDL service connect: true", "3 MCPReceiver in",
+       "3 MCPReceiver out wo CB"},
+  };
+  // The command channel need not wait for an AIDL service that is not published.
+  setenv("TIDEWATCH_HAL_WAIT_MS", "0", 1);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.publish);
+    tidewatch_test::EmulatorProcess emulator;
+    // Ids above the encoder's error codes keep a failure from passing for an id.
+    ASSERT_TRUE(
+        emulator.Start({c.publish, "--first-session-id=100", "--trap-rate=200", "--trap-size=24"}));
+    MonitorCmdProxy<JsonCmdEncoder> proxy;
+    const uint64_t session = proxy.CreateSession(nullptr);
+    ASSERT_NE(session, 0u);
+    ASSERT_GT(session, static_cast<uint64_t>(MONITOR_RESULT_BAD_REPLY));
+
+    LogCapture log(kLogDebug);
+    Recorder viaService;
+    auto receiver = std::make_unique<MonitorTrapReceiver>(session, m_serverName.c_str());
+    receiver->userData = &viaService;
+    receiver->trapHandler = &Recorder::Handle;
+    EXPECT_TRUE(log.Contains(c.connectLine));
+    ASSERT_EQ(proxy.SubscribeTrap(0, session, TRAP_TYPE_OTA, 1234, false), 0);
+    ASSERT_EQ(proxy.SetTrapReceiver(0, session, m_serverName.c_str()), 0);
+    ASSERT_EQ(proxy.EnableTrap(0, session), 0);
+
+    ASSERT_TRUE(viaService.WaitForCount(3));
+    EXPECT_TRUE(log.Contains(c.callbackLine));
+    for (const Call& call : viaService.Calls()) {
+      EXPECT_EQ(call.time, 0u);
+      EXPECT_EQ(call.type, TRAP_TYPE_OTA);
+      EXPECT_EQ(call.length, 24u);
+      EXPECT_FALSE(call.dataNull);
+    }
+    receiver.reset();
+    EXPECT_TRUE(log.WaitForText(c.refusedLine));
+    EXPECT_EQ(emulator.Stop(), 0);
+  }
+}
+
+}  // namespace
+}  // namespace libtidewatch
