@@ -81,7 +81,14 @@ bool SocketConnection::ReadToBuffer() {
   TW_LOGD("BufferedConnection::ReadToBuffer. There're [%zu] bytes of data in dataQ.", dataQ.size);
   TW_LOGD("SocketConnection::Read");
   uint8_t* buffer = dataQ.SpaceStart();
-  const size_t bufferSize = dataQ.SpaceSize();
+  size_t bufferSize = dataQ.SpaceSize();
+  // The queue moves its data to the front on every pop once the data ends past its middle, so
+  // reading only up to the middle keeps the packets read here from being moved once per pop. The
+  // rest of the space is used only when the data already reaches the middle (a large packet).
+  const size_t end = dataQ.start + dataQ.size;
+  if (end < DataQueue::kCompactMark && bufferSize > DataQueue::kCompactMark - end) {
+    bufferSize = DataQueue::kCompactMark - end;
+  }
   if (buffer == nullptr || bufferSize == 0) {
     // A full queue lands here: the caller drops a connection whose peer sends more than it reads.
     TW_LOGE("Bad parameters. buffer = [%p], bufferSize = [%zu]", static_cast<void*>(buffer),

@@ -13,27 +13,9 @@ using AidlCallback = aidl::vendor::velora::hardware::tidewatch::AIDLTidewatchCli
 using HidlCallback =
     vendor::velora::hardware::tidewatch::V1_0::implementation::TidewatchClientCallback;
 
-constexpr size_t kRecordHeaderSize = 5;  // type (1) and length (4) of a raw trap record
-
 // The session id in decimal directly followed by the server name: "5" and "trapd" give "5trapd".
 std::string DestinationName(unsigned long sessionId, const char* serverName) {
   return std::to_string(sessionId) + (serverName != nullptr ? serverName : "");
-}
-
-// How many bytes of the last trap record's payload `raw` really holds. A record's length field
-// may run past the end of the data, and the handler must never be told to read beyond it.
-size_t PresentPayloadBytes(const uint8_t* raw, size_t rawLength) {
-  uint64_t offset = 0;
-  uint64_t payload = rawLength;
-  while (offset < rawLength && raw[offset] != TRAP_TYPE_DISCARD_INFO) {
-    payload = offset + kRecordHeaderSize;
-    uint32_t length = 0;
-    for (uint64_t i = 0; i < 4 && offset + 1 + i < rawLength; ++i) {
-      length |= static_cast<uint32_t>(raw[offset + 1 + i]) << (8 * i);
-    }
-    offset = payload + length;
-  }
-  return payload < rawLength ? static_cast<size_t>(rawLength - payload) : 0;
 }
 
 }  // namespace
@@ -91,10 +73,6 @@ bool MonitorTrapReceiver::ProcessPayload(const MCPInfo& in, MCPInfo& /*out*/) {
     type = packer.GetTrapType();
     data = packer.GetTrapData();
     length = packer.GetTrapDataLength();
-    if (data != nullptr) {
-      const size_t present = PresentPayloadBytes(in.data, in.length);
-      if (length > present) length = present;
-    }
   }
   handler(userData.load(std::memory_order_acquire), 0, type, length, data, discardCount);
   return true;

@@ -16,7 +16,9 @@
 namespace libtidewatch {
 
 // Called once per trap packet, on the thread that delivered it (the listener's thread or a platform
-// callback thread). `data` is valid only during the call; `time` is always 0.
+// callback thread). `data` is valid only during the call; `time` is always 0. `length` is the
+// trap record's own length field: a damaged record can claim more bytes than were delivered, so a
+// handler that reads the data must not trust it beyond what its sender could have sent.
 using TrapHandler = void (*)(void* context, unsigned int time, TRAP_TYPE type, unsigned long length,
                              const unsigned char* data, unsigned long discardCount);
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <string>
@@ -43,7 +44,8 @@ TEST(MonitorTypesTest, NamesMatchExactlyAndCaseSensitively) {
 class SysPropTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    path_ = ::testing::TempDir() + "sysprop_test_props";
+    // ctest runs each test in a process of its own, several at once: one file per process.
+    path_ = ::testing::TempDir() + "sysprop_test_props_" + std::to_string(getpid());
     setenv("TIDEWATCH_HOST_PROPERTIES", path_.c_str(), 1);
     Write("");
   }

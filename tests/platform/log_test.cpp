@@ -29,7 +29,7 @@ class LogTest : public ::testing::Test {
   // Runs `body` with standard error sent to a file, and returns what was written there.
   template <typename Body>
   static std::string CaptureStderr(Body body) {
-    std::string path = ::testing::TempDir() + "log_test_stderr";
+    std::string path = ::testing::TempDir() + "log_test_stderr_" + std::to_string(getpid());
     fflush(stderr);
     int saved = dup(STDERR_FILENO);
     FILE* fp = fopen(path.c_str(), "w+");
