@@ -1,0 +1,181 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "libtidewatch/platform/log.h"
+#include "libtidewatch/trap/frame_decoder.h"
+
+namespace libtidewatch {
+namespace {
+
+// GetInstance and the search for the layout file by the system properties. The cache lives as
+// long as the process, so every test uses paths of its own.
+class FrameDecoderCacheTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/frame_decoder_cache_test.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+    props_ = dir_ + "/properties";
+    setenv("TIDEWATCH_HOST_PROPERTIES", props_.c_str(), 1);
+    Logged().clear();
+    threshold_ = GetLogThreshold();
+    SetLogThreshold(kLogVerbose);
+    SetLogSink(&Capture);
+  }
+  void TearDown() override {
+    SetLogSink(nullptr);
+    SetLogThreshold(threshold_);
+    unsetenv("TIDEWATCH_HOST_PROPERTIES");
+    for (const std::string& f : files_) unlink(f.c_str());
+    unlink(props_.c_str());
+    rmdir(dir_.c_str());
+  }
+
+  static std::mutex& LogMutex() {
+    static std::mutex mutex;
+    return mutex;
+  }
+  static std::vector<std::string>& Logged() {
+    static std::vector<std::string> lines;
+    return lines;
+  }
+  static void Capture(int priority, const char*, const char* text) {
+    std::lock_guard<std::mutex> lock(LogMutex());
+    Logged().push_back(std::string(1, "??VDIWE"[priority]) + " " + text);
+  }
+  static size_t CountLogged(const std::string& line) {
+    std::lock_guard<std::mutex> lock(LogMutex());
+    return std::count(Logged().begin(), Logged().end(), line);
+  }
+
+  std::string Write(const std::string& path, const std::string& text) {
+    FILE* fp = fopen(path.c_str(), "w");
+    EXPECT_NE(fp, nullptr);
+    if (fp != nullptr) {
+      fputs(text.c_str(), fp);
+      fclose(fp);
+    }
+    if (path != props_) files_.push_back(path);
+    return path;
+  }
+  std::string WriteLayout(const std::string& name, const std::string& globalIDs) {
+    return Write(dir_ + "/" + name,
+                 "#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\nOTA_SIM_IDX_OFFSET,8,1\n"
+                 "#MSG_INFO\nMSG_ID_OFFSET,4,2\nSIM_IDX_OFFSET,6,1\n#GLOBAL_ID\n" +
+                     globalIDs);
+  }
+
+  std::string dir_;
+  std::string props_;
+  std::vector<std::string> files_;
+  int threshold_ = 0;
+};
+
+TEST_F(FrameDecoderCacheTest, PropertiesChooseTheFolder) {
+  struct stat st;
+  if (stat("/data/vendor/kelpie", &st) == 0 || stat("/vendor/etc/mddb", &st) == 0) {
+    GTEST_SKIP() << "the device folders exist on this host";
+  }
+  auto opendir = [&](const char* folder) {
+    return "E Failed to opendir [" + std::string(folder) +
+           "]. err = [No such file or directory](2)";
+  };
+  const std::vector<std::string> tail = {
+      "D Layout file [] was found!", "E Failed to open []. errno = [2] (No such file or directory)",
+      "E Failed to load layout description file: []"};
+  struct Case {
+    const char* properties;
+    std::vector<std::string> log;
+  } cases[] = {
+      {"",
+       {opendir("/vendor/etc/mddb"), "E Failed to find layout file in folder [/vendor/etc/mddb]."}},
+      {"ro.vendor.vlr_single_bin_modem_support=1\n",
+       {opendir("/data/vendor/kelpie/"),
+        "E Failed to find layout file in folder [/data/vendor/kelpie/]."}},
+      {"ro.vendor.vlr_single_bin_modem_support=10\nro.vendor.vlr_thin_md_twd_channel=0\n",
+       {opendir("/vendor/etc/mddb"), "E Failed to find layout file in folder [/vendor/etc/mddb]."}},
+      // The thin-modem folder is searched, but the failure still names the usual folder.
+      {"ro.vendor.vlr_thin_md_twd_channel=1\n",
+       {"I ThinModem project.change path to ThinModem", opendir("/data/vendor/kelpie"),
+        "E Failed to find layout file in folder [/vendor/etc/mddb]."}},
+      {"ro.vendor.vlr_thin_md_twd_channel=1\nro.vendor.vlr_single_bin_modem_support=1\n",
+       {opendir("/data/vendor/kelpie/"),
+        "E Failed to find layout file in folder [/data/vendor/kelpie/]."}},
+  };
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.properties);
+    Write(props_, c.properties);
+    Logged().clear();
+    FrameDecoder decoder;
+    EXPECT_FALSE(decoder.LoadFromDefaultLocation());
+    c.log.insert(c.log.end(), tail.begin(), tail.end());
+    EXPECT_EQ(Logged(), c.log);
+  }
+}
+
+TEST_F(FrameDecoderCacheTest, OneDecoderPerKeyFailuresIncluded) {
+  FrameDecoder* none = FrameDecoder::GetInstance(nullptr);
+  ASSERT_NE(none, nullptr);
+  EXPECT_EQ(FrameDecoder::GetInstance(nullptr), none);
+  EXPECT_EQ(FrameDecoder::GetInstance("NULL"), none);  // the key of a null path
+
+  std::string good = WriteLayout("good.dat", "RRC_SETUP(7)\n");
+  FrameDecoder* loaded = FrameDecoder::GetInstance(good.c_str());
+  EXPECT_NE(loaded, none);
+  EXPECT_EQ(FrameDecoder::GetInstance(good.c_str()), loaded);
+  EXPECT_STREQ(loaded->GetMsgString(TRAP_TYPE_OTA, 7), "RRC_SETUP");
+  EXPECT_EQ(CountLogged("D LayoutDescPath = [" + good + "]"), 1u);
+
+  // A failed load is cached: the file appearing later does not make the same key load it.
+  std::string late = dir_ + "/late.dat";
+  FrameDecoder* failed = FrameDecoder::GetInstance(late.c_str());
+  ASSERT_NE(failed, nullptr);
+  EXPECT_EQ(CountLogged("E Failed to load layout description file: [" + late + "]"), 1u);
+  WriteLayout("late.dat", "RRC_SETUP(7)\n");
+  EXPECT_EQ(FrameDecoder::GetInstance(late.c_str()), failed);
+  EXPECT_EQ(failed->GetMsgString(TRAP_TYPE_OTA, 7), nullptr);
+  EXPECT_EQ(CountLogged("D LayoutDescPath = [" + late + "]"), 1u);
+}
+
+TEST_F(FrameDecoderCacheTest, ConcurrentCallersShareOneLoadPerKey) {
+  std::vector<std::string> keys;
+  for (int i = 0; i < 4; ++i) {
+    keys.push_back(WriteLayout("threads" + std::to_string(i) + ".dat",
+                               "NAME" + std::to_string(i) + "(" + std::to_string(i) + ")\n"));
+  }
+  keys.push_back(dir_ + "/missing.dat");
+  constexpr int kThreads = 8;
+  std::vector<std::vector<FrameDecoder*>> seen(kThreads, std::vector<FrameDecoder*>(keys.size()));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      // Each thread walks the keys from a different start, several times.
+      for (size_t n = 0; n < 3 * keys.size(); ++n) {
+        size_t k = (t + n) % keys.size();
+        FrameDecoder* decoder = FrameDecoder::GetInstance(keys[k].c_str());
+        if (seen[t][k] == nullptr) seen[t][k] = decoder;
+        EXPECT_EQ(seen[t][k], decoder);
+        if (k < 4) {
+          EXPECT_NE(decoder->GetMsgString(TRAP_TYPE_OTA, k), nullptr);
+        }
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (size_t k = 0; k < keys.size(); ++k) {
+    for (int t = 1; t < kThreads; ++t) EXPECT_EQ(seen[t][k], seen[0][k]) << keys[k];
+    EXPECT_EQ(CountLogged("D LayoutDescPath = [" + keys[k] + "]"), 1u) << keys[k];
+  }
+}
+
+}  // namespace
+}  // namespace libtidewatch

@@ -1,0 +1,302 @@
+#include "libtidewatch/trap/frame_decoder.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "libtidewatch/platform/log.h"
+
+namespace libtidewatch {
+namespace {
+
+// The four offsets every file must define.
+constexpr char kMandatory[] =
+    "#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\nOTA_SIM_IDX_OFFSET,8,1\n"
+    "#MSG_INFO\nMSG_ID_OFFSET,4,2\nSIM_IDX_OFFSET,6,1\n";
+
+class FrameDecoderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/frame_decoder_test.XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+    Logged().clear();
+    threshold_ = GetLogThreshold();
+    SetLogThreshold(kLogVerbose);
+    SetLogSink(&Capture);
+  }
+  void TearDown() override {
+    SetLogSink(nullptr);
+    SetLogThreshold(threshold_);
+    for (const std::string& f : files_) unlink(f.c_str());
+    rmdir(dir_.c_str());
+  }
+
+  static std::vector<std::string>& Logged() {
+    static std::vector<std::string> lines;
+    return lines;
+  }
+  // Keeps the start of each message: some tests log lines of tens of kilobytes.
+  static void Capture(int priority, const char*, const char* text) {
+    Logged().push_back(std::string(1, "??VDIWE"[priority]) + " " +
+                       std::string(text).substr(0, 200));
+  }
+  static bool WasLogged(const std::string& line) {
+    return std::find(Logged().begin(), Logged().end(), line) != Logged().end();
+  }
+  static size_t Errors() {
+    return std::count_if(Logged().begin(), Logged().end(),
+                         [](const std::string& l) { return l[0] == 'E'; });
+  }
+
+  std::string Write(const std::string& name, const std::string& text) {
+    std::string path = dir_ + "/" + name;
+    FILE* fp = fopen(path.c_str(), "wb");
+    EXPECT_NE(fp, nullptr);
+    if (fp == nullptr) return path;
+    fwrite(text.data(), 1, text.size(), fp);
+    fclose(fp);
+    files_.push_back(path);
+    return path;
+  }
+  bool Load(const std::string& text) {
+    return decoder_.LoadFromDESC(Write("layout", text).c_str());
+  }
+
+  FrameDecoder decoder_;
+  std::string dir_;
+  std::vector<std::string> files_;
+  int threshold_ = 0;
+};
+
+TEST_F(FrameDecoderTest, MissingMandatoryOffsetIsNamed) {
+  struct Case {
+    const char* text;
+    const char* missing;
+  } cases[] = {
+      {"#OTA_INFO\n", "m_otaTraceID"},
+      {"#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\n", "m_otaSIMIdx"},
+      {"#MSG_INFO\nMSG_ID_OFFSET,4,2\nSIM_IDX_OFFSET,6,1\n"
+       "#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\nOTA_SIM_IDX_OFFSET,8,1\n#MSG_INFO\n",
+       nullptr},
+      {"#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\nOTA_SIM_IDX_OFFSET,8,1\n", "m_msgID"},
+      {"#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\nOTA_SIM_IDX_OFFSET,8,1\n#MSG_INFO\nMSG_ID_OFFSET,4,2",
+       "m_msgSIMIdx"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    FrameDecoder decoder;
+    Logged().clear();
+    EXPECT_EQ(decoder.LoadFromDESC(Write("layout", c.text).c_str()), c.missing == nullptr);
+    if (c.missing != nullptr) {
+      EXPECT_EQ(Logged().back(), std::string("E ") + c.missing + " wasn't loaded!");
+      EXPECT_EQ(Errors(), 1u);
+    } else {
+      EXPECT_TRUE(WasLogged("D Load Layout DESC [" + dir_ + "/layout] successfully."));
+    }
+  }
+}
+
+TEST_F(FrameDecoderTest, UnknownSectionsAreSkippedUntilTheNextKnownHeader) {
+  ASSERT_TRUE(Load(std::string("A(1)\n") + kMandatory +
+                   "#FOO\nnot a line(\n#GLOBAL_ID\nB(2)\n#global_id\nC(3)\n#GLOBAL_ID \r\nD(4)\n"
+                   "# GLOBAL_ID\nE(5)\n#GLOBAL_ID\nF(6)\n"));
+  std::vector<uint64_t> ids;
+  for (const auto& entry : decoder_.m_globalIDs) ids.push_back(entry.first);
+  EXPECT_EQ(ids, (std::vector<uint64_t>{2, 6}));
+  EXPECT_TRUE(WasLogged("D Will not parse section [#FOO]"));
+  EXPECT_TRUE(WasLogged("D Will not parse section [#global_id]"));
+  EXPECT_TRUE(WasLogged("D Will not parse section [#GLOBAL_ID \r]"));
+  EXPECT_TRUE(WasLogged("D Will not parse section [# GLOBAL_ID]"));
+}
+
+TEST_F(FrameDecoderTest, FieldsAreTrimmedAndEmptyOnesDropped) {
+  ASSERT_TRUE(Load(
+      " \t#OTA_INFO \n OTA_TRACE_ID_OFFSET , 12 ,\t4\t\n\n   \t\n,,,,\nOTA_SIM_IDX_OFFSET,,8,,1,\n"
+      "#MSG_INFO\nMSG_ID_OFFSET,4,2\nSIM_IDX_OFFSET,6,1\n"
+      "#MSG_EM_ID_MAPPING\n7,,9\n#GLOBAL_ID\n \t NAME ONE(3) \n"));
+  EXPECT_EQ(decoder_.m_otaTraceID.offset, 12u);
+  EXPECT_EQ(decoder_.m_otaSIMIdx.offset, 8u);
+  EXPECT_EQ(decoder_.m_msgEMIDMapping.at(7), 9u);
+  EXPECT_EQ(decoder_.m_globalIDs.at(3).name, "NAME ONE");
+}
+
+TEST_F(FrameDecoderTest, CarriageReturnStaysInTheLastField) {
+  EXPECT_FALSE(Load("#OTA_INFO\r\n#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\r\n"));
+  EXPECT_TRUE(WasLogged("E Failed to convert [4\r] to uint64_t."));
+  EXPECT_EQ(Logged().back(), "E Failed to collect information [OTA_TRACE_ID_OFFSET,4,4\r]");
+  EXPECT_FALSE(decoder_.m_otaTraceID.loaded);
+}
+
+TEST_F(FrameDecoderTest, ManyNamesGiveWhatLineByLineInsertionGives) {
+  // The first definition of a name or an id wins, across lines and across two files loaded into
+  // one decoder. Long shared prefixes, names that prefix others, bytes above 0x7f, lines across
+  // read-buffer boundaries.
+  std::mt19937 random(7);
+  const std::string prefixes[] = {"", "S", "SHARED_PREFIX_LONGER_THAN_SIXTEEN_",
+                                  "SHARED_PREFIX_LONGER_THAN_SIXTEEN_BYTES_"};
+  const char alphabet[] = {'A', 'B', '_', '\x80', '\xff'};
+  std::map<uint64_t, std::string> ids;
+  std::map<std::string, uint64_t> names;
+  for (int file = 0; file < 2; ++file) {
+    std::string text = std::string(kMandatory) + "#GLOBAL_ID\n";
+    for (int line = 0; line < 3000; ++line) {
+      std::string name = prefixes[random() % 4];
+      for (size_t n = random() % 4; n > 0; --n) name += alphabet[random() % 5];
+      uint64_t id = random() % 4000 + 1;
+      text += name + "(" + std::to_string(id) + ")\n";
+      ids.emplace(id, name);
+      names.emplace(name, id);
+    }
+    ASSERT_TRUE(Load(text));
+  }
+  EXPECT_EQ(decoder_.m_globalIDsByName, names);
+  ASSERT_EQ(decoder_.m_globalIDs.size(), ids.size());
+  for (const auto& id : ids) EXPECT_EQ(decoder_.m_globalIDs.at(id.first).name, id.second);
+}
+
+TEST_F(FrameDecoderTest, AFailingLineKeepsWhatCameBefore) {
+  EXPECT_FALSE(Load(std::string(kMandatory) + "#GLOBAL_ID\nKEPT(1)\nBROKEN(1x)\nLATER(2)\n"));
+  EXPECT_EQ(Logged().back(), "E Failed to collect information [BROKEN(1x)]");
+  EXPECT_EQ(decoder_.m_globalIDsByName, (std::map<std::string, uint64_t>{{"KEPT", 1}}));
+  EXPECT_EQ(decoder_.m_globalIDs.count(2), 0u);
+}
+
+TEST_F(FrameDecoderTest, HostileContentNeverCrashes) {
+  std::string longName(40000, 'N');
+  std::string nestedNames = "#GLOBAL_ID\n";
+  for (int k = 1; k <= 300; ++k) nestedNames += std::string(k * 100, 'A') + "(7)\n";
+  struct Case {
+    const char* what;
+    std::string body;
+    bool result;
+  } cases[] = {
+      {"NUL ends the line", std::string("#GLOBAL_ID\nA(1)\0garbage\nB(2)\n", 29), true},
+      {"NUL alone", std::string("\0\0\0\n#GLOBAL_ID\n\0\n", 17), true},
+      {"line cut at the buffer size", "#GLOBAL_ID\n" + longName + "(5)\n", false},
+      {"long line in an unknown section", "#X" + longName + "\n" + longName + "\n", true},
+      {"names nested in each other", nestedNames, true},
+      {"eleven fields", "#MSG_EM_ID_MAPPING\n1,2,3,4,5,6,7,8,9,10,11\n", false},
+      {"SIM line of many fields", "#SIM2_INFO\n7,1,2,3,4,5,6,7,8,9,10,11,12\n", true},
+      {"huge number", "#SIM2_INFO\n99999999999999999999999999999999999999\n", false},
+      {"unmatched brackets", "#GLOBAL_ID\n((((\n", false},
+      {"only a header mark", "#\n#GLOBAL_ID\nA(1)\n", true},
+      {"no final newline", "#TIME_INFO\nTIMESTAMP_PRECISION(7)", true},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    FrameDecoder decoder;
+    EXPECT_EQ(decoder.LoadFromDESC(Write("layout", kMandatory + c.body).c_str()), c.result);
+  }
+}
+
+TEST_F(FrameDecoderTest, AHundredMegabyteLineIsCutNotRead) {
+  std::string path = Write("huge", std::string(kMandatory) + "#SIM2_INFO\n7,");
+  FILE* fp = fopen(path.c_str(), "ab");
+  ASSERT_NE(fp, nullptr);
+  std::string chunk(1 << 20, 'x');
+  for (int i = 0; i < 100; ++i) fwrite(chunk.data(), 1, chunk.size(), fp);
+  fputs("\n8\n", fp);
+  fclose(fp);
+  ASSERT_TRUE(decoder_.LoadFromDESC(path.c_str()));
+  EXPECT_EQ(decoder_.m_simMsgSets.at(2), (std::set<uint64_t>{7, 8}));
+}
+
+TEST_F(FrameDecoderTest, UnreadableFiles) {
+  EXPECT_FALSE(decoder_.LoadFromDESC(nullptr));
+  EXPECT_EQ(Logged().back(), "E Bad parameter for LoadFromDESC. szPath is NULL.");
+  EXPECT_FALSE(decoder_.LoadFromDESC((dir_ + "/absent").c_str()));
+  EXPECT_EQ(Logged().back(),
+            "E Failed to open [" + dir_ + "/absent]. errno = [2] (No such file or directory)");
+}
+
+TEST_F(FrameDecoderTest, SampleFileLoadsCleanly) {
+  std::string path = std::string(TIDEWATCH_SOURCE_DIR) + "/resources/twd_layout_desc.dat";
+  ASSERT_TRUE(decoder_.LoadFromDESC(path.c_str()));
+  EXPECT_EQ(Errors(), 0u);
+  for (unsigned long id = 1000; id <= 1039; ++id) {
+    EXPECT_NE(decoder_.GetMsgString(TRAP_TYPE_OTA, id), nullptr) << id;
+  }
+  for (unsigned long id = 2000; id <= 2023; ++id) {
+    EXPECT_NE(decoder_.GetMsgString(TRAP_TYPE_EM, id), nullptr) << id;
+  }
+  EXPECT_EQ(decoder_.GetMsgString(TRAP_TYPE_OTA, 1040), nullptr);
+  EXPECT_EQ(decoder_.GetMsgString(TRAP_TYPE_EM, 2024), nullptr);
+  EXPECT_EQ(decoder_.m_simMsgSets.size(), 5u);
+  EXPECT_TRUE(decoder_.m_peerHeaderSize.set);
+  EXPECT_TRUE(decoder_.m_protocolVersions.rrc.release.set);
+  EXPECT_TRUE(decoder_.m_modemTimeInfo.timeStampPrecision.set);
+  EXPECT_TRUE(decoder_.m_modemEMFilterInfo.emFilterOffset[3].set);
+}
+
+TEST_F(FrameDecoderTest, NamesComeOnlyFromGlobalIDsAndMessages) {
+  ASSERT_TRUE(Load(std::string(kMandatory) +
+                   "#OTA_INFO\nTRACE(5),OTA_MSG_OFFSET,1\n#GLOBAL_ID\nRRC_SETUP(7)\n"
+                   "#IP_PACKET_INFO_TRACE_ID\nUPLINK(8)\n#MSG_INFO\nEM_CELL(9),PCI,1,2\n"
+                   "#PEER_INFO\nEM_PEER(10),PEER_OFFSET,3\n"));
+  struct Case {
+    TRAP_TYPE type;
+    unsigned long id;
+    const char* name;
+    const char* log;
+  } cases[] = {
+      {TRAP_TYPE_OTA, 7, "RRC_SETUP", nullptr},
+      {TRAP_TYPE_EM, 9, "EM_CELL", nullptr},
+      {TRAP_TYPE_EM, 10, "EM_PEER", nullptr},
+      {TRAP_TYPE_OTA, 5, nullptr, "D No such message. Type: [2], MsgId: [5]."},
+      {TRAP_TYPE_OTA, 8, nullptr, "D No such message. Type: [2], MsgId: [8]."},
+      {TRAP_TYPE_EM, 7, nullptr, "D No such message. Type: [3], MsgId: [7]."},
+      {TRAP_TYPE_VOLTE, 9, nullptr, "D Bad type: [4]"},
+      {TRAP_TYPE_NONE, 7, nullptr, "D Bad type: [0]"},
+      {static_cast<TRAP_TYPE>(0xffff), 7, nullptr, "D Bad type: [18446744073709551615]"},
+  };
+  for (const Case& c : cases) {
+    Logged().clear();
+    const char* name = decoder_.GetMsgString(c.type, c.id);
+    EXPECT_STREQ(name, c.name) << c.type << "/" << c.id;
+    EXPECT_EQ(Logged(), c.log ? std::vector<std::string>{c.log} : std::vector<std::string>{});
+  }
+}
+
+TEST_F(FrameDecoderTest, SearchLayoutFileMatchesPrefixAndExtension) {
+  struct Case {
+    const char* name;
+    bool found;
+  } cases[] = {
+      {"twd_layout_desc.dat", true},      {"twd_layout_desc_v2.x.dat", true},
+      {"twd_layout_desc.dat.bak", false}, {"twd_layout_desc.DAT", false},
+      {"twd_layout_desc.data", false},    {"xtwd_layout_desc.dat", false},
+      {"twd_layout_des.dat", false},      {"twd_layout_desc", false},
+  };
+  char buffer[FrameDecoder::kLayoutPathSize];
+  for (const Case& c : cases) {
+    std::string path = Write(c.name, "");
+    buffer[0] = '\0';
+    EXPECT_EQ(FrameDecoder::SearchLayoutFile(dir_.c_str(), buffer, sizeof(buffer)), c.found)
+        << c.name;
+    EXPECT_EQ(buffer, c.found ? path : "");
+    unlink(path.c_str());
+  }
+  std::string trailing = dir_ + "/";
+  Write("twd_layout_desc.dat", "");
+  ASSERT_TRUE(FrameDecoder::SearchLayoutFile(trailing.c_str(), buffer, sizeof(buffer)));
+  EXPECT_EQ(buffer, dir_ + "//twd_layout_desc.dat");
+
+  Logged().clear();
+  EXPECT_FALSE(FrameDecoder::SearchLayoutFile(dir_.c_str(), nullptr, 4096));
+  EXPECT_FALSE(FrameDecoder::SearchLayoutFile((dir_ + "/none").c_str(), buffer, sizeof(buffer)));
+  EXPECT_EQ(Logged(),
+            (std::vector<std::string>{
+                "E Bad parameters. buffer = [(nil)], bufferSize = [4096]",
+                "E Failed to opendir [" + dir_ + "/none]. err = [No such file or directory](2)"}));
+}
+
+}  // namespace
+}  // namespace libtidewatch
