@@ -1,0 +1,8 @@
+// Snapshot of a frozen version of the interface, taken by the build's API freeze. Never edit it:
+// devices already shipped against this version. Change the sources and freeze a new version.
+
+package vendor.velora.hardware.tidewatch;
+@VintfStability
+interface ITidewatchClientCallback {
+  boolean MCPReceiver(in byte[] mcp);
+}
