@@ -6,11 +6,14 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory_resource>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "libtidewatch/api/monitor_types.h"
+#include "libtidewatch/trap/decoder_arena.h"
 
 namespace libtidewatch {
 
@@ -19,27 +22,52 @@ namespace libtidewatch {
 // are shared by every thread and must not be changed.
 class FrameDecoder {
  public:
+  // Everything a decoder holds is allocated from its arena (see m_arena), so the records that own
+  // strings or maps take the arena's allocator; a map of records hands it on by itself.
+  using allocator_type = std::pmr::polymorphic_allocator<char>;
+
   struct FIELD_INFO {
     bool loaded = false;
     uint64_t offset = 0;  // byte offset inside a message
     uint64_t size = 0;    // byte width
   };
+  // Field name to where the field sits. The keys (and those of NameMap) point into the decoder's
+  // arena, so a copy of a map or record taken out of a decoder must not outlive the decoder.
+  using FieldMap = std::pmr::map<std::string_view, FIELD_INFO>;
   struct FIELD_TRACE {
+    using allocator_type = FrameDecoder::allocator_type;
+    explicit FIELD_TRACE(const allocator_type& alloc = {}) : name(alloc), fields(alloc) {}
+    FIELD_TRACE(const FIELD_TRACE& other, const allocator_type& alloc = {})
+        : msgOffset(other.msgOffset), name(other.name, alloc), fields(other.fields, alloc) {}
     uint64_t msgOffset = 0;
-    std::string name;
-    std::map<std::string, FIELD_INFO> fields;
+    std::pmr::string name;
+    FieldMap fields;
   };
   struct FIELD_EM {
-    std::string name;
-    std::map<std::string, FIELD_INFO> fields;
+    using allocator_type = FrameDecoder::allocator_type;
+    explicit FIELD_EM(const allocator_type& alloc = {}) : name(alloc), fields(alloc) {}
+    FIELD_EM(const FIELD_EM& other, const allocator_type& alloc = {})
+        : name(other.name, alloc), fields(other.fields, alloc), peerOffset(other.peerOffset) {}
+    std::pmr::string name;
+    FieldMap fields;
     int32_t peerOffset = 0;
   };
   struct FIELD_OTA {
-    std::string name;
+    using allocator_type = FrameDecoder::allocator_type;
+    explicit FIELD_OTA(const allocator_type& alloc = {}) : name(alloc) {}
+    FIELD_OTA(const FIELD_OTA& other, const allocator_type& alloc = {}) : name(other.name, alloc) {}
+    std::pmr::string name;
   };
   struct FIELD_IPTrace {
-    std::string name;
+    using allocator_type = FrameDecoder::allocator_type;
+    explicit FIELD_IPTrace(const allocator_type& alloc = {}) : name(alloc) {}
+    FIELD_IPTrace(const FIELD_IPTrace& other, const allocator_type& alloc = {})
+        : name(other.name, alloc) {}
+    std::pmr::string name;
   };
+  // Name to id. The keys point at text the decoder owns: a record's own name where it is the same
+  // text, otherwise a copy in the arena, so a name is stored once.
+  using NameMap = std::pmr::map<std::string_view, uint64_t>;
   // A number the file may or may not define.
   struct OptionalNumber {
     uint64_t value = 0;
@@ -125,22 +153,29 @@ class FrameDecoder {
                                            uintptr_t user);
   static bool TimeInfoCollector(char** fields, size_t count, FrameDecoder* decoder, uintptr_t user);
 
+ private:
+  // Declared before every container that allocates from it, so it outlives them. Nodes and
+  // strings come from large blocks and are given back all at once with the decoder: on files of
+  // 100k messages a million separate heap blocks cost more than the reading itself.
+  DecoderArena m_arena;
+
+ public:
   FIELD_INFO m_otaTraceID;
   FIELD_INFO m_otaSIMIdx;
   FIELD_INFO m_msgID;
   FIELD_INFO m_msgSIMIdx;
   FIELD_INFO m_peerSize;
   OptionalNumber m_peerHeaderSize;
-  std::map<uint64_t, FIELD_TRACE> m_otaTraces;
-  std::map<std::string, uint64_t> m_otaTraceIDsByName;
-  std::map<uint64_t, FIELD_OTA> m_globalIDs;
-  std::map<std::string, uint64_t> m_globalIDsByName;
-  std::map<uint64_t, FIELD_EM> m_msgs;
-  std::map<std::string, uint64_t> m_msgIDsByName;
-  std::map<uint64_t, uint64_t> m_msgEMIDMapping;
-  std::map<uint64_t, FIELD_IPTrace> m_ipTraceIDs;
-  std::map<std::string, uint64_t> m_ipTraceIDsByName;
-  std::vector<std::set<uint64_t>> m_simMsgSets;  // indexed by SIM number (2 to 4)
+  std::pmr::map<uint64_t, FIELD_TRACE> m_otaTraces{&m_arena};
+  NameMap m_otaTraceIDsByName{&m_arena};
+  std::pmr::map<uint64_t, FIELD_OTA> m_globalIDs{&m_arena};
+  NameMap m_globalIDsByName{&m_arena};
+  std::pmr::map<uint64_t, FIELD_EM> m_msgs{&m_arena};
+  NameMap m_msgIDsByName{&m_arena};
+  std::pmr::map<uint64_t, uint64_t> m_msgEMIDMapping{&m_arena};
+  std::pmr::map<uint64_t, FIELD_IPTrace> m_ipTraceIDs{&m_arena};
+  NameMap m_ipTraceIDsByName{&m_arena};
+  std::pmr::vector<std::pmr::set<uint64_t>> m_simMsgSets{&m_arena};  // indexed by SIM number (2-4)
   ProtocolVersions m_protocolVersions;
   ModemTimeInfo m_modemTimeInfo;
   ModemEMFilterInfo m_modemEMFilterInfo;
@@ -152,25 +187,24 @@ class FrameDecoder {
   // rest of the reading. Outside a load a name goes straight into its map. Either way the first
   // definition of a name wins.
   struct PendingName {
-    std::map<std::string, uint64_t>* names;
-    size_t offset;  // of the name in m_pendingText
-    size_t length;
+    NameMap* names;
+    std::string_view name;  // owned by the decoder already
     uint64_t id;
   };
-  void InsertName(std::map<std::string, uint64_t>& names, const char* name, uint64_t id);
+  // Inserts `name` (not owned) into `names` if absent. `recordName` is the text of the record the
+  // name belongs to; when the two are equal the key points at it instead of a copy.
+  void InsertName(NameMap& names, const char* name, std::string_view recordName, uint64_t id);
   void MergePendingNames();
 
   static FIELD_EM& InsertMessage(FrameDecoder* decoder, uint64_t id, const char* name);
   template <typename Record>
   static bool CollectNamedID(char** fields, size_t count, FrameDecoder* decoder,
-                             std::map<uint64_t, Record>& byID,
-                             std::map<std::string, uint64_t>& byName);
+                             std::pmr::map<uint64_t, Record>& byID, NameMap& byName);
   static bool CollectPeerInfo(char** fields, size_t count, FrameDecoder* decoder,
                               bool withHeaderSize, const char* collector);
 
   bool m_queueNames = false;
   std::vector<PendingName> m_pendingNames;
-  std::string m_pendingText;  // the queued names back to back: sorting them stays in cache
 };
 
 }  // namespace libtidewatch

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 #include <utility>
 
 #include "libtidewatch/platform/log.h"
@@ -71,11 +72,19 @@ bool CollectFieldInfo(char** fields, size_t count, FIELD_INFO* info) {
 
 // Sets FIELD's offset, then its size, in a message's or a trace's field map. A missing size
 // (null) fails like one that does not convert; the offset stays written either way.
-bool CollectMemberField(std::map<std::string, FIELD_INFO>& members, const char* field,
-                        const char* offsetText, const char* sizeText) {
+bool CollectMemberField(FrameDecoder::FieldMap& members, const char* field, const char* offsetText,
+                        const char* sizeText) {
   uint64_t offset = 0;
   if (!ToUInt64(offsetText, &offset)) return false;
-  FIELD_INFO& info = members[field];
+  std::string_view name(field);
+  auto it = members.lower_bound(name);
+  if (it == members.end() || it->first != name) {
+    // The key must outlive the line: copy it where the map itself lives.
+    char* copy = static_cast<char*>(members.get_allocator().resource()->allocate(name.size(), 1));
+    memcpy(copy, name.data(), name.size());
+    it = members.emplace_hint(it, std::string_view(copy, name.size()), FIELD_INFO());
+  }
+  FIELD_INFO& info = it->second;
   info.offset = offset;
   uint64_t size = 0;
   if (sizeText == nullptr) {
@@ -92,7 +101,7 @@ bool CollectMemberField(std::map<std::string, FIELD_INFO>& members, const char* 
 // list ids in ascending order, with a message's lines together, so the last entry is nearly always
 // the right hint; a wrong hint costs an ordinary lookup.
 template <typename Record>
-std::pair<Record*, bool> EmplaceID(std::map<uint64_t, Record>& map, uint64_t id) {
+std::pair<Record*, bool> EmplaceID(std::pmr::map<uint64_t, Record>& map, uint64_t id) {
   size_t before = map.size();
   auto it = map.try_emplace(map.empty() ? map.end() : std::prev(map.end()), id);
   return {&it->second, map.size() != before};
@@ -106,7 +115,7 @@ FrameDecoder::FIELD_EM& FrameDecoder::InsertMessage(FrameDecoder* decoder, uint6
   auto inserted = EmplaceID(decoder->m_msgs, id);
   if (inserted.second) {
     inserted.first->name = name;
-    decoder->InsertName(decoder->m_msgIDsByName, name, id);
+    decoder->InsertName(decoder->m_msgIDsByName, name, inserted.first->name, id);
   }
   return *inserted.first;
 }
@@ -114,14 +123,13 @@ FrameDecoder::FIELD_EM& FrameDecoder::InsertMessage(FrameDecoder* decoder, uint6
 // One NAME(ID) line into an ID map and its name map, both insert-if-absent.
 template <typename Record>
 bool FrameDecoder::CollectNamedID(char** fields, size_t count, FrameDecoder* decoder,
-                                  std::map<uint64_t, Record>& byID,
-                                  std::map<std::string, uint64_t>& byName) {
+                                  std::pmr::map<uint64_t, Record>& byID, NameMap& byName) {
   const char* name = nullptr;
   uint64_t id = 0;
   if (fields == nullptr || count != 1 || !SplitNameAndID(fields[0], &name, &id)) return false;
   auto inserted = EmplaceID(byID, id);
   if (inserted.second) inserted.first->name = name;
-  decoder->InsertName(byName, name, id);
+  decoder->InsertName(byName, name, inserted.first->name, id);
   return true;
 }
 
@@ -181,7 +189,7 @@ bool FrameDecoder::OTAInfoCollector(char** fields, size_t count, FrameDecoder* d
       return false;
     }
   }
-  decoder->InsertName(decoder->m_otaTraceIDsByName, name, traceID);
+  decoder->InsertName(decoder->m_otaTraceIDsByName, name, trace.name, traceID);
   return true;
 }
 

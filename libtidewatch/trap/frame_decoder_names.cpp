@@ -3,7 +3,6 @@
 // first lets every insert land at the end of the tree.
 #include <algorithm>
 #include <cstring>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -72,20 +71,28 @@ void SortNames(NameRef* names, NameRef* scratch, size_t count, size_t depth, siz
 
 }  // namespace
 
-void FrameDecoder::InsertName(std::map<std::string, uint64_t>& names, const char* name,
+void FrameDecoder::InsertName(NameMap& names, const char* name, std::string_view recordName,
                               uint64_t id) {
-  if (m_queueNames) {
-    size_t length = strlen(name);
-    m_pendingNames.push_back({&names, m_pendingText.size(), length, id});
-    m_pendingText.append(name, length);
+  std::string_view text(name);
+  if (text == recordName) {
+    text = recordName;
   } else {
-    names.emplace(name, id);
+    // Another name for a known id (or a name only the name map keeps): it needs a copy of its own.
+    char* copy = static_cast<char*>(m_arena.allocate(text.size() + 1, 1));
+    memcpy(copy, text.data(), text.size());
+    copy[text.size()] = '\0';
+    text = std::string_view(copy, text.size());
+  }
+  if (m_queueNames) {
+    m_pendingNames.push_back({&names, text, id});
+  } else {
+    names.emplace(text, id);
   }
 }
 
 void FrameDecoder::MergePendingNames() {
   // A load fills at most four name maps; sort the names of each on its own.
-  std::vector<std::map<std::string, uint64_t>*> maps;
+  std::vector<NameMap*> maps;
   for (const PendingName& pending : m_pendingNames) {
     if (std::find(maps.begin(), maps.end(), pending.names) == maps.end()) {
       maps.push_back(pending.names);
@@ -93,12 +100,12 @@ void FrameDecoder::MergePendingNames() {
   }
   std::vector<NameRef> sorted;
   std::vector<NameRef> scratch;
-  for (std::map<std::string, uint64_t>* map : maps) {
+  for (NameMap* map : maps) {
     sorted.clear();
     for (size_t i = 0; i < m_pendingNames.size(); ++i) {
       const PendingName& pending = m_pendingNames[i];
       if (pending.names == map) {
-        sorted.push_back({m_pendingText.data() + pending.offset, pending.length, i});
+        sorted.push_back({pending.name.data(), pending.name.size(), i});
       }
     }
     scratch.resize(sorted.size());
@@ -106,19 +113,14 @@ void FrameDecoder::MergePendingNames() {
     auto last = map->end();
     for (const NameRef& ref : sorted) {
       // Later definitions of a name sort right after the first one and are dropped.
-      if (last != map->end() && last->first.size() == ref.length &&
-          memcmp(last->first.data(), ref.text, ref.length) == 0) {
-        continue;
-      }
+      std::string_view name(ref.text, ref.length);
+      if (last != map->end() && last->first == name) continue;
       // In sorted order the end is the right hint, unless the map held names before this load;
       // then emplace_hint finds the place itself and keeps an existing name.
-      last = map->emplace_hint(map->end(), std::piecewise_construct,
-                               std::forward_as_tuple(ref.text, ref.length),
-                               std::forward_as_tuple(m_pendingNames[ref.queued].id));
+      last = map->emplace_hint(map->end(), name, m_pendingNames[ref.queued].id);
     }
   }
   std::vector<PendingName>().swap(m_pendingNames);
-  std::string().swap(m_pendingText);
 }
 
 }  // namespace libtidewatch

@@ -2,6 +2,7 @@
 
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
@@ -49,7 +50,7 @@ class FrameDecoderCollectorsTest : public ::testing::Test {
     Logged() += std::string(Logged().empty() ? "" : "|") + "??VDIWE"[priority] + " " + text;
   }
 
-  static void Info(std::ostream& out, const char* name, const Decoder::FIELD_INFO& info) {
+  static void Info(std::ostream& out, std::string_view name, const Decoder::FIELD_INFO& info) {
     if (info.loaded || info.offset != 0 || info.size != 0) {
       out << name << ":" << info.offset << "+" << info.size << (info.loaded ? " " : "! ");
     }
@@ -67,12 +68,12 @@ class FrameDecoderCollectorsTest : public ::testing::Test {
     Number(out, "peerHeader", d.m_peerHeaderSize);
     for (const auto& t : d.m_otaTraces) {
       out << "trace" << t.first << ":" << t.second.name << "@" << t.second.msgOffset << " ";
-      for (const auto& f : t.second.fields) Info(out, f.first.c_str(), f.second);
+      for (const auto& f : t.second.fields) Info(out, f.first, f.second);
     }
     for (const auto& g : d.m_globalIDs) out << "global" << g.first << ":" << g.second.name << " ";
     for (const auto& m : d.m_msgs) {
       out << "msg" << m.first << ":" << m.second.name << "/" << m.second.peerOffset << " ";
-      for (const auto& f : m.second.fields) Info(out, f.first.c_str(), f.second);
+      for (const auto& f : m.second.fields) Info(out, f.first, f.second);
     }
     for (const auto& i : d.m_ipTraceIDs) out << "ip" << i.first << ":" << i.second.name << " ";
     for (const auto* names :

@@ -9,6 +9,7 @@
 #include <map>
 #include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
@@ -65,6 +66,12 @@ class FrameDecoderTest : public ::testing::Test {
     fclose(fp);
     files_.push_back(path);
     return path;
+  }
+  static std::map<std::string, uint64_t> NamesOf(const FrameDecoder& decoder) {
+    const auto& names = decoder.m_globalIDsByName;
+    std::map<std::string, uint64_t> copy;
+    for (const auto& entry : names) copy.emplace_hint(copy.end(), entry.first, entry.second);
+    return copy;
   }
   bool Load(const std::string& text) {
     return decoder_.LoadFromDESC(Write("layout", text).c_str());
@@ -157,15 +164,16 @@ TEST_F(FrameDecoderTest, ManyNamesGiveWhatLineByLineInsertionGives) {
     }
     ASSERT_TRUE(Load(text));
   }
-  EXPECT_EQ(decoder_.m_globalIDsByName, names);
+  EXPECT_EQ(NamesOf(decoder_), names);
   ASSERT_EQ(decoder_.m_globalIDs.size(), ids.size());
-  for (const auto& id : ids) EXPECT_EQ(decoder_.m_globalIDs.at(id.first).name, id.second);
+  for (const auto& id : ids)
+    EXPECT_EQ(decoder_.m_globalIDs.at(id.first).name, std::string_view(id.second));
 }
 
 TEST_F(FrameDecoderTest, AFailingLineKeepsWhatCameBefore) {
   EXPECT_FALSE(Load(std::string(kMandatory) + "#GLOBAL_ID\nKEPT(1)\nBROKEN(1x)\nLATER(2)\n"));
   EXPECT_EQ(Logged().back(), "E Failed to collect information [BROKEN(1x)]");
-  EXPECT_EQ(decoder_.m_globalIDsByName, (std::map<std::string, uint64_t>{{"KEPT", 1}}));
+  EXPECT_EQ(NamesOf(decoder_), (std::map<std::string, uint64_t>{{"KEPT", 1}}));
   EXPECT_EQ(decoder_.m_globalIDs.count(2), 0u);
 }
 
@@ -206,7 +214,8 @@ TEST_F(FrameDecoderTest, AHundredMegabyteLineIsCutNotRead) {
   fputs("\n8\n", fp);
   fclose(fp);
   ASSERT_TRUE(decoder_.LoadFromDESC(path.c_str()));
-  EXPECT_EQ(decoder_.m_simMsgSets.at(2), (std::set<uint64_t>{7, 8}));
+  const auto& sim2 = decoder_.m_simMsgSets.at(2);
+  EXPECT_EQ(std::set<uint64_t>(sim2.begin(), sim2.end()), (std::set<uint64_t>{7, 8}));
 }
 
 TEST_F(FrameDecoderTest, UnreadableFiles) {
