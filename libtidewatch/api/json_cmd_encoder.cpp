@@ -3,6 +3,7 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <exception>
 #include <memory>
 #include <string>
 #include <utility>
@@ -29,7 +30,12 @@ std::string WriteCompact(const Json::Value& value) {
 
 bool ParseJson(const char* begin, const char* end, Json::Value& root) {
   Json::Reader reader;
-  return reader.parse(begin, end, root, /*collectComments=*/true);
+  // Nested deeper than its limit, the reader throws instead of failing: a reply it cannot parse.
+  try {
+    return reader.parse(begin, end, root, /*collectComments=*/true);
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 #pragma GCC diagnostic pop
 
