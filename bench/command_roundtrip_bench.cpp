@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_main.h"
 #include "bench/child_process.h"
 #include "libtidewatch/api/json_cmd_encoder.h"
 #include "libtidewatch/api/monitor_cmd_proxy.h"
@@ -218,11 +219,5 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintSummary();
-  benchmark::Shutdown();
-  return 0;
+  return tidewatch_bench::RunBenchmarks<RatioReporter>(argc, argv, &RatioReporter::PrintSummary);
 }

@@ -3,13 +3,8 @@
 // packets over its abstract socket, counting the "Receive frame" lines as they appear in the file.
 // No service runs (a private socket prefix), so only the socket road is measured.
 #include <benchmark/benchmark.h>
-#include <errno.h>
 #include <fcntl.h>
-#include <stddef.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,16 +15,20 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_main.h"
 #include "bench/child_process.h"
+#include "bench/trap_sender.h"
 #include "libtidewatch/api/monitor_types.h"
-#include "libtidewatch/transport/mcp_info.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using tidewatch_bench::Bytes;
 using Clock = std::chrono::steady_clock;
 using tidewatch_bench::ChildProcess;
+using tidewatch_bench::ConnectAbstract;
 using tidewatch_bench::ScratchDir;
+using tidewatch_bench::TrapStream;
+using tidewatch_bench::WriteAll;
 
 constexpr size_t kBatchBytes = 1 << 20;  // written per benchmark iteration
 constexpr unsigned long kSessionId = 7;
@@ -37,44 +36,6 @@ constexpr char kFramePrefix[] = "Receive frame: ";
 constexpr char kCreatedPrefix[] = "MonitorTrapReceiver [";
 // A receiver that falls this far behind has stopped; the run is abandoned rather than hung.
 constexpr auto kStallLimit = std::chrono::seconds(10);
-
-void PutLE32(Bytes& out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-}
-
-// About kBatchBytes of back-to-back MCP trap packets, each holding one EM trap record of
-// `trapSize` bytes.
-Bytes TrapStream(size_t trapSize, uint64_t* traps) {
-  Bytes packet;
-  PutLE32(packet, libtidewatch::HEADER_MAGIC);
-  packet.push_back(0xAC);
-  packet.push_back(0xCA);
-  PutLE32(packet, static_cast<uint32_t>(5 + trapSize));
-  packet.push_back(libtidewatch::TRAP_TYPE_EM);
-  PutLE32(packet, static_cast<uint32_t>(trapSize));
-  for (size_t i = 0; i < trapSize; ++i) packet.push_back(static_cast<uint8_t>(i));
-  Bytes stream;
-  *traps = 0;
-  while (stream.size() + packet.size() <= kBatchBytes) {
-    stream.insert(stream.end(), packet.begin(), packet.end());
-    ++*traps;
-  }
-  return stream;
-}
-
-int ConnectAbstract(const std::string& name) {
-  sockaddr_un addr;
-  memset(&addr, 0, sizeof(addr));
-  addr.sun_family = AF_UNIX;
-  memcpy(addr.sun_path + 1, name.data(), name.size());
-  const socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
-    close(fd);
-    fd = -1;
-  }
-  return fd;
-}
 
 // The receiver's socket appears some time after the process starts; keeps trying until then.
 int ConnectWithRetry(const std::string& name, Clock::duration limit) {
@@ -84,17 +45,6 @@ int ConnectWithRetry(const std::string& name, Clock::duration limit) {
     if (fd >= 0 || Clock::now() >= deadline) return fd;
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }
-}
-
-bool WriteAll(int fd, const Bytes& bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
 }
 
 // Follows a file that another process appends lines to, counting the trap lines and the
@@ -163,7 +113,7 @@ class OutputFollower {
 void BM_ReceiverProcess(benchmark::State& state) {
   const size_t trapSize = static_cast<size_t>(state.range(0));
   uint64_t traps = 0;
-  const Bytes stream = TrapStream(trapSize, &traps);
+  const Bytes stream = TrapStream(trapSize, kBatchBytes, &traps);
 
   ScratchDir dir;
   const std::string outPath = dir.ok() ? dir.File("receiver.out") : "";
@@ -252,11 +202,5 @@ int main(int argc, char** argv) {
   // comes through its socket.
   setenv("TIDEWATCH_HAL_SOCKET_PREFIX",
          (".tw_bench.nohal." + std::to_string(getpid()) + ".").c_str(), 1);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RateReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRates();
-  benchmark::Shutdown();
-  return 0;
+  return tidewatch_bench::RunBenchmarks<RateReporter>(argc, argv, &RateReporter::PrintRates);
 }

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/bench_main.h"
 #include "libtidewatch/transport/data_queue.h"
 #include "libtidewatch/transport/mcp_handler.h"
 
@@ -95,11 +96,5 @@ class RatioReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatio();
-  benchmark::Shutdown();
-  return 0;
+  return tidewatch_bench::RunBenchmarks<RatioReporter>(argc, argv, &RatioReporter::PrintRatio);
 }

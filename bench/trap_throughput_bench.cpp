@@ -4,11 +4,8 @@
 // rates and their ratio at the end. Goals: 1,000,000 traps per second for 64-byte traps, and at
 // least half the plain reader's rate for 4 KiB traps.
 #include <benchmark/benchmark.h>
-#include <errno.h>
 #include <fcntl.h>
-#include <stddef.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -24,66 +21,20 @@
 #include <thread>
 #include <vector>
 
+#include "bench/bench_main.h"
+#include "bench/trap_sender.h"
 #include "libtidewatch/trap/monitor_trap_receiver.h"
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using tidewatch_bench::AbstractAddress;
+using tidewatch_bench::Bytes;
+using tidewatch_bench::ConnectAbstract;
+using tidewatch_bench::TrapStream;
+using tidewatch_bench::WriteAll;
 
 constexpr size_t kBatchBytes = 4 << 20;  // written per benchmark iteration
 constexpr size_t kReadBufferSize = 256 << 10;
-
-void PutLE32(Bytes& out, uint32_t v) {
-  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
-}
-
-// About kBatchBytes of back-to-back trap packets, each carrying one EM trap of `trapSize` bytes.
-Bytes TrapStream(size_t trapSize, uint64_t* traps) {
-  Bytes packet;
-  PutLE32(packet, libtidewatch::HEADER_MAGIC);
-  packet.push_back(0xAC);
-  packet.push_back(0xCA);
-  PutLE32(packet, static_cast<uint32_t>(5 + trapSize));
-  packet.push_back(libtidewatch::TRAP_TYPE_EM);
-  PutLE32(packet, static_cast<uint32_t>(trapSize));
-  for (size_t i = 0; i < trapSize; ++i) packet.push_back(static_cast<uint8_t>(i));
-  Bytes stream;
-  *traps = 0;
-  while (stream.size() + packet.size() <= kBatchBytes) {
-    stream.insert(stream.end(), packet.begin(), packet.end());
-    ++*traps;
-  }
-  return stream;
-}
-
-socklen_t AbstractAddress(const std::string& name, sockaddr_un* addr) {
-  memset(addr, 0, sizeof(*addr));
-  addr->sun_family = AF_UNIX;
-  memcpy(addr->sun_path + 1, name.data(), name.size());
-  return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-}
-
-int ConnectTo(const std::string& name) {
-  sockaddr_un addr;
-  socklen_t len = AbstractAddress(name, &addr);
-  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
-    close(fd);
-    fd = -1;
-  }
-  return fd;
-}
-
-bool WriteAll(int fd, const Bytes& bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    done += static_cast<size_t>(n);
-  }
-  return true;
-}
 
 std::string UniqueName(const char* what) {
   return std::string(".tw_bench.") + what + "." + std::to_string(getpid());
@@ -120,13 +71,13 @@ void CountTrap(void* context, unsigned int, libtidewatch::TRAP_TYPE, unsigned lo
 
 void BM_TrapReceiver(benchmark::State& state) {
   uint64_t traps = 0;
-  const Bytes stream = TrapStream(static_cast<size_t>(state.range(0)), &traps);
+  const Bytes stream = TrapStream(static_cast<size_t>(state.range(0)), kBatchBytes, &traps);
   Progress progress;
   const std::string server = UniqueName("receiver");
   libtidewatch::MonitorTrapReceiver receiver(1, server.c_str());
   receiver.userData = &progress;
   receiver.trapHandler = &CountTrap;
-  int fd = ConnectTo("1" + server);
+  int fd = ConnectAbstract("1" + server);
   if (fd < 0) {
     state.SkipWithError("cannot connect to the receiver");
     return;
@@ -200,10 +151,10 @@ class PlainReader {
 
 void BM_PlainReader(benchmark::State& state) {
   uint64_t traps = 0;
-  const Bytes stream = TrapStream(static_cast<size_t>(state.range(0)), &traps);
+  const Bytes stream = TrapStream(static_cast<size_t>(state.range(0)), kBatchBytes, &traps);
   const std::string name = UniqueName("plain");
   PlainReader reader(name);
-  int fd = reader.ok() ? ConnectTo(name) : -1;
+  int fd = reader.ok() ? ConnectAbstract(name) : -1;
   if (fd < 0) {
     state.SkipWithError("cannot set up the plain reader");
     return;
@@ -266,11 +217,5 @@ class RatioReporter : public benchmark::ConsoleReporter {
 int main(int argc, char** argv) {
   // Only the socket road is measured: no service may be found and registered with.
   setenv("TIDEWATCH_HAL_SOCKET_PREFIX", UniqueName("nohal").c_str(), 1);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatios();
-  benchmark::Shutdown();
-  return 0;
+  return tidewatch_bench::RunBenchmarks<RatioReporter>(argc, argv, &RatioReporter::PrintRatios);
 }

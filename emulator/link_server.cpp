@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "emulator/send_pending.h"
 #include "libtidewatch/platform/host/abstract_socket.h"
 #include "libtidewatch/platform/log.h"
 
@@ -92,22 +93,7 @@ bool LinkServer::ReadFrom(Client* client) {
 }
 
 bool LinkServer::WriteTo(Client* client) {
-  while (client->outPos < client->out.size()) {
-    ssize_t n = send(client->fd, client->out.data() + client->outPos,
-                     client->out.size() - client->outPos, MSG_NOSIGNAL);
-    if (n > 0) {
-      client->outPos += static_cast<size_t>(n);
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      return true;
-    } else {
-      return false;
-    }
-  }
-  client->out.clear();
-  client->outPos = 0;
-  return true;
+  return SendPending(client->fd, &client->out, &client->outPos);
 }
 
 bool LinkServer::Register(Client* client, const std::vector<uint8_t>& name, bool* handedOver) {

@@ -61,33 +61,35 @@ int SessionTable::Close(uint64_t doerId, uint64_t sessionId) {
   return ret;
 }
 
-int SessionTable::Subscribe(uint64_t doerId, uint64_t sessionId, TRAP_TYPE type, uint64_t msgId) {
+int SessionTable::ChangeSubscriptions(uint64_t doerId, uint64_t sessionId, TRAP_TYPE type,
+                                      const SubscriptionChange& change) {
   if (!Subscribable(type)) return kRetBadArgument;
   std::lock_guard<std::mutex> lock(m_mutex);
   Session* s = nullptr;
   int ret = Resolve(doerId, sessionId, &s);
   if (ret != kRetOk) return ret;
-  std::vector<uint64_t>& ids = s->subscribed[type];
-  // Subscribing twice is not an error, and must not use up the session's allowance.
-  if (std::find(ids.begin(), ids.end(), msgId) != ids.end()) return kRetOk;
-  if (s->subscriptionCount >= m_limits.maxSubscriptions) return kRetSubscriptionLimit;
-  ids.push_back(msgId);
-  ++s->subscriptionCount;
-  return kRetOk;
+  return change(*s, s->subscribed[type]);
+}
+
+int SessionTable::Subscribe(uint64_t doerId, uint64_t sessionId, TRAP_TYPE type, uint64_t msgId) {
+  return ChangeSubscriptions(doerId, sessionId, type, [&](Session& s, std::vector<uint64_t>& ids) {
+    // Subscribing twice is not an error, and must not use up the session's allowance.
+    if (std::find(ids.begin(), ids.end(), msgId) != ids.end()) return kRetOk;
+    if (s.subscriptionCount >= m_limits.maxSubscriptions) return kRetSubscriptionLimit;
+    ids.push_back(msgId);
+    ++s.subscriptionCount;
+    return kRetOk;
+  });
 }
 
 int SessionTable::Unsubscribe(uint64_t doerId, uint64_t sessionId, TRAP_TYPE type, uint64_t msgId) {
-  if (!Subscribable(type)) return kRetBadArgument;
-  std::lock_guard<std::mutex> lock(m_mutex);
-  Session* s = nullptr;
-  int ret = Resolve(doerId, sessionId, &s);
-  if (ret != kRetOk) return ret;
-  std::vector<uint64_t>& ids = s->subscribed[type];
-  auto it = std::find(ids.begin(), ids.end(), msgId);
-  if (it == ids.end()) return kRetNotSubscribed;
-  ids.erase(it);
-  --s->subscriptionCount;
-  return kRetOk;
+  return ChangeSubscriptions(doerId, sessionId, type, [&](Session& s, std::vector<uint64_t>& ids) {
+    auto it = std::find(ids.begin(), ids.end(), msgId);
+    if (it == ids.end()) return kRetNotSubscribed;
+    ids.erase(it);
+    --s.subscriptionCount;
+    return kRetOk;
+  });
 }
 
 int SessionTable::SetTrapEnabled(uint64_t doerId, uint64_t sessionId, bool enabled) {

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -67,6 +68,11 @@ class SessionTable {
   static bool MayActOn(SessionLevel doer, uint64_t doerId, SessionLevel target, uint64_t targetId);
   // Finds the target and checks the doer rules; on success `*target` points into m_sessions.
   int Resolve(uint64_t doerId, uint64_t sessionId, Session** target);
+  // Checks the type and the doer rules, then runs `change` on the target's ids of that type with
+  // the table locked; its answer is the command's.
+  using SubscriptionChange = std::function<int(Session&, std::vector<uint64_t>&)>;
+  int ChangeSubscriptions(uint64_t doerId, uint64_t sessionId, TRAP_TYPE type,
+                          const SubscriptionChange& change);
 
   mutable std::mutex m_mutex;
   SessionLimits m_limits;

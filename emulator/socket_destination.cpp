@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "emulator/send_pending.h"
 #include "libtidewatch/platform/host/abstract_socket.h"
 #include "libtidewatch/platform/log.h"
 
@@ -40,24 +41,7 @@ void SocketDestination::Disconnect() {
   m_pendingPos = 0;
 }
 
-bool SocketDestination::Flush() {
-  while (m_pendingPos < m_pending.size()) {
-    ssize_t n =
-        send(m_fd, m_pending.data() + m_pendingPos, m_pending.size() - m_pendingPos, MSG_NOSIGNAL);
-    if (n > 0) {
-      m_pendingPos += static_cast<size_t>(n);
-    } else if (n < 0 && errno == EINTR) {
-      continue;
-    } else if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
-      return true;
-    } else {
-      return false;
-    }
-  }
-  m_pending.clear();
-  m_pendingPos = 0;
-  return true;
-}
+bool SocketDestination::Flush() { return SendPending(m_fd, &m_pending, &m_pendingPos); }
 
 bool SocketDestination::Deliver(const uint8_t* packet, size_t len) {
   bool fresh = false;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
+#include "tests/support/log_capture.h"
 
 namespace libtidewatch {
 namespace {
@@ -37,17 +38,6 @@ class JsonCmdEncoderTest : public ::testing::Test {
     std::string replyPayload;
   };
 
-  static void Record(int, const char*, const char* text) { logs.emplace_back(text); }
-  void SetUp() override {
-    logs.clear();
-    SetLogThreshold(kLogError);
-    SetLogSink(&JsonCmdEncoderTest::Record);
-  }
-  void TearDown() override {
-    SetLogSink(nullptr);
-    SetLogThreshold(kLogError);
-  }
-
   // Scripts a reply packet carrying `json` and its NUL.
   void ReplyWith(const std::string& json) { fake.replyPayload = json + '\0'; }
   // A reply to `method` of "Tidewatch.Session" with "ret" 0 and `data`.
@@ -56,11 +46,10 @@ class JsonCmdEncoderTest : public ::testing::Test {
               R"(","version":1,"ret":0,"data":)" + data + "}");
   }
 
-  static std::vector<std::string> logs;
+  tidewatch_test::LogCapture log_{kLogError, tidewatch_test::LogCapture::Form::kText};
   FakeTransmitter fake;
   JsonCmdEncoder encoder{&fake};
 };
-std::vector<std::string> JsonCmdEncoderTest::logs;
 
 TEST_F(JsonCmdEncoderTest, RequestBytes) {
   MONITOR_SESSION_STATUS status;
@@ -108,8 +97,8 @@ TEST_F(JsonCmdEncoderTest, ArgumentWithoutJsonFormSendsNothing) {
             MONITOR_RESULT_BAD_ARGUMENT);
   EXPECT_EQ(encoder.SetTrapReceiver(0, 1, nullptr), MONITOR_RESULT_BAD_ARGUMENT);
   EXPECT_TRUE(fake.requests.empty());
-  EXPECT_EQ(logs, (std::vector<std::string>{"Undefined type [1]", "Undefined type [9]",
-                                            "szServerName should not be NULL"}));
+  EXPECT_EQ(log_.Lines(), (std::vector<std::string>{"Undefined type [1]", "Undefined type [9]",
+                                                    "szServerName should not be NULL"}));
 }
 
 TEST_F(JsonCmdEncoderTest, NothingSentOrNothingBack) {
@@ -118,11 +107,11 @@ TEST_F(JsonCmdEncoderTest, NothingSentOrNothingBack) {
   EXPECT_EQ(unbound.CreateSession(nullptr), uint64_t{MONITOR_RESULT_SEND_FAILED});
   fake.sendOk = false;
   EXPECT_EQ(encoder.EnableTrap(0, 1), MONITOR_RESULT_SEND_FAILED);
-  EXPECT_EQ(logs, std::vector<std::string>(3, "Send command failed."));
+  EXPECT_EQ(log_.Lines(), std::vector<std::string>(3, "Send command failed."));
   fake.sendOk = true;
   fake.hasReply = false;
   EXPECT_EQ(encoder.DisableTrap(0, 1), MONITOR_RESULT_SEND_FAILED);
-  EXPECT_EQ(logs.back(), "No reply received.");
+  EXPECT_EQ(log_.Lines().back(), "No reply received.");
 }
 
 // Every command shares these checks; CloseSession stands for them.
@@ -165,14 +154,14 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
       {MCP_TYPE_REPLY, head + R"("version":1,"ret":15.7})", 15, ""},
   };
   for (const auto& c : cases) {
-    logs.clear();
+    log_.Clear();
     fake.replyType = c.type;
     ReplyWith(c.json);
     EXPECT_EQ(encoder.CloseSession(0, 1), c.result) << c.json;
     if (c.log.empty()) {
-      EXPECT_TRUE(logs.empty()) << c.json << ": " << logs.front();
+      EXPECT_TRUE(log_.Lines().empty()) << c.json << ": " << log_.Lines().front();
     } else {
-      EXPECT_EQ(logs, std::vector<std::string>{c.log}) << c.json;
+      EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.log}) << c.json;
     }
   }
 }
@@ -235,12 +224,12 @@ TEST_F(JsonCmdEncoderTest, GetSessionFailureLeavesStatusUntouched) {
       {"null", "Type of [data] is not correct in JSON reply:"},
   };
   for (const auto& c : cases) {
-    logs.clear();
+    log_.Clear();
     SessionReply("get", c.data);
     MONITOR_SESSION_STATUS status;
     status.trapReceiverHost = "before";
     EXPECT_EQ(encoder.GetSession(0, 7, status), MONITOR_RESULT_BAD_REPLY) << c.data;
-    EXPECT_EQ(logs, std::vector<std::string>{c.log});
+    EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.log});
     EXPECT_FALSE(status.trapEnabled);
     EXPECT_EQ(status.trapReceiverHost, "before");
     EXPECT_TRUE(status.subscribedTraps[0].empty());

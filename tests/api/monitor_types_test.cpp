@@ -6,9 +6,11 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "libtidewatch/api/api_info.h"
 #include "libtidewatch/platform/log.h"
+#include "tests/support/log_capture.h"
 
 namespace libtidewatch {
 namespace {
@@ -33,8 +35,9 @@ TEST(MonitorTypesTest, NamesMatchExactlyAndCaseSensitively) {
   struct Case {
     const char* text;
     TRAP_TYPE type;
-  } cases[] = {{"VoLTE", TRAP_TYPE_VOLTE}, {"VOLTE", TRAP_TYPE_NONE}, {"volte", TRAP_TYPE_NONE},
-               {"ota", TRAP_TYPE_NONE},    {"", TRAP_TYPE_NONE},      {nullptr, TRAP_TYPE_NONE},
+  } cases[] = {{"VoLTE", TRAP_TYPE_VOLTE}, {"VOLTE", TRAP_TYPE_NONE},
+               {"volte", TRAP_TYPE_NONE},  {"ota", TRAP_TYPE_NONE},
+               {"", TRAP_TYPE_NONE},       {nullptr, TRAP_TYPE_NONE},
                {"EM ", TRAP_TYPE_NONE},    {"ICD_RECORD", TRAP_TYPE_ICD_RECORD}};
   for (const Case& c : cases) {
     EXPECT_EQ(StrToTrapType(c.text), c.type) << (c.text ? c.text : "(null)");
@@ -81,52 +84,36 @@ TEST_F(SysPropTest, ComparesTheWholeValue) {
 
 class ApiInfoTest : public ::testing::Test {
  protected:
-  static void Count(int priority, const char*, const char* text) {
-    if (priority == kLogError) {
-      ++errors;
-      last = text;
-    }
-  }
-  void SetUp() override {
-    errors = 0;
-    SetLogSink(&Count);
-  }
-  void TearDown() override { SetLogSink(nullptr); }
-  static int errors;
-  static std::string last;
+  tidewatch_test::LogCapture log_{kLogError, tidewatch_test::LogCapture::Form::kText};
 };
-int ApiInfoTest::errors;
-std::string ApiInfoTest::last;
 
 TEST_F(ApiInfoTest, KnownCodesNameTheirCommand) {
   struct Case {
     int code;
     const char* api;
     const char* method;
-  } cases[] = {{1, "Tidewatch.Session", "create"},
-               {7, "Tidewatch.Trap.Receiver", "set"},
-               {8, "Tidewatch.Session", "get"},
-               {9, "Tidewatch.Session", "list"},
-               {11, "Tidewatch.DebugLevel", "set"},
-               {13, "Tidewatch.ICD.RangeInfo", "list"}};
+  } cases[] = {{1, "Tidewatch.Session", "create"},  {7, "Tidewatch.Trap.Receiver", "set"},
+               {8, "Tidewatch.Session", "get"},     {9, "Tidewatch.Session", "list"},
+               {11, "Tidewatch.DebugLevel", "set"}, {13, "Tidewatch.ICD.RangeInfo", "list"}};
   for (const Case& c : cases) {
     ApiInfo info(static_cast<MONITOR_CMD_CODE>(c.code));
     EXPECT_EQ(info.api, c.api) << c.code;
     EXPECT_EQ(info.method, c.method) << c.code;
     EXPECT_EQ(info.version, 1u);
   }
-  EXPECT_EQ(errors, 0);
+  EXPECT_TRUE(log_.Lines(kLogError).empty());
 }
 
 TEST_F(ApiInfoTest, CodesWithoutEntryAreEmptyAndLoggedOnce) {
   for (int code : {0, 10, 14, -1}) {
-    errors = 0;
+    log_.Clear();
     ApiInfo info(static_cast<MONITOR_CMD_CODE>(code));
     EXPECT_TRUE(info.api.empty());
     EXPECT_TRUE(info.method.empty());
     EXPECT_EQ(info.version, 0u);
-    EXPECT_EQ(errors, 1);
-    EXPECT_EQ(last, "No entry in API mapping table for code: [" + std::to_string(code) + "]");
+    EXPECT_EQ(log_.Lines(kLogError),
+              std::vector<std::string>{"No entry in API mapping table for code: [" +
+                                       std::to_string(code) + "]"});
   }
 }
 

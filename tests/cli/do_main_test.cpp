@@ -1,19 +1,19 @@
 // DoMain's handling of options and words, run in-process with standard output captured. Nothing
 // here needs the service: commands that get as far as sending meet a socket prefix where nothing
 // listens, fail at once, and their resp lines show which ids the driver settled on.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "cli/tide_watch_ctrl.h"
 #include "libtidewatch/platform/log.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/scratch_dir.h"
+#include "tests/support/stdout_capture.h"
 
 namespace {
 
@@ -49,27 +49,13 @@ struct Case {
 class DoMainTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string tmpl = ::testing::TempDir() + "do_main_test_XXXXXX";
-    ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-    dir_ = tmpl;
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
-    oldCwd_ = cwd;
-    ASSERT_EQ(chdir(dir_.c_str()), 0);
+    ASSERT_TRUE(dir_.Enter());
     setenv("TIDEWATCH_HAL_WAIT_MS", "0", 1);
     std::string prefix = "do_main_test." + std::to_string(getpid()) + ".nobody.";
     setenv("TIDEWATCH_HAL_SOCKET_PREFIX", prefix.c_str(), 1);
-    libtidewatch::SetLogSink(DropLog);  // the failed connections are expected
   }
 
-  void TearDown() override {
-    libtidewatch::SetLogSink(nullptr);
-    unlink("current_session");
-    EXPECT_EQ(chdir(oldCwd_.c_str()), 0);
-    rmdir(dir_.c_str());
-  }
-
-  static void DropLog(int, const char*, const char*) {}
+  void TearDown() override { EXPECT_TRUE(dir_.Leave()); }
 
   // Runs DoMain on "tide_watch_ctrl" + args and returns what it printed.
   std::string Run(const std::vector<std::string>& args, int* status) {
@@ -78,27 +64,9 @@ class DoMainTest : public ::testing::Test {
     std::vector<char*> argv;
     for (std::string& s : storage) argv.push_back(&s[0]);
     argv.push_back(nullptr);
-
-    std::string path = dir_ + "/stdout";
-    fflush(stdout);
-    int saved = dup(STDOUT_FILENO);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, STDOUT_FILENO);
-    close(fd);
-    *status = DoMain(static_cast<int>(argv.size()) - 1, argv.data());
-    fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string out = ReadFile(path);
-    unlink(path.c_str());
-    return out;
-  }
-
-  static std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return tidewatch_test::CaptureStdout(dir_.path() + "/stdout", [&] {
+      *status = DoMain(static_cast<int>(argv.size()) - 1, argv.data());
+    });
   }
 
   static void WriteSessionFile(const char* content) {
@@ -119,8 +87,9 @@ class DoMainTest : public ::testing::Test {
     }
   }
 
-  std::string dir_;
-  std::string oldCwd_;
+  tidewatch_test::LogCapture quiet_{
+      libtidewatch::kLogError};  // the failed connections are expected
+  tidewatch_test::ScratchDir dir_{"do_main_test"};
 };
 
 TEST_F(DoMainTest, OptionSelection) {
@@ -257,7 +226,7 @@ TEST_F(DoMainTest, CreateSessionRefusesLevelsOutsideZeroToTwo) {
     std::string out = Run({"--create-session", "level=0", word}, &status);
     EXPECT_EQ(out, std::string("Value of [level] is invalid: [") + (word + 6) + "]" + kUsage);
     EXPECT_EQ(status, -1);
-    EXPECT_EQ(ReadFile("current_session"), "55") << "a refused level must not touch the file";
+    EXPECT_EQ(dir_.Read("current_session"), "55") << "a refused level must not touch the file";
   }
 }
 
@@ -268,7 +237,7 @@ TEST_F(DoMainTest, CreateSessionStoresWhateverComesBack) {
   int status = -7;
   EXPECT_EQ(Run({"--create-session", "level=2"}, &status), "9\n");
   EXPECT_EQ(status, 0);
-  EXPECT_EQ(ReadFile("current_session"), "9");
+  EXPECT_EQ(dir_.Read("current_session"), "9");
 }
 
 TEST_F(DoMainTest, ServerNameIsCutTo127Characters) {

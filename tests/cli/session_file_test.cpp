@@ -1,65 +1,31 @@
 // The current-session file as found in a scratch working directory.
 #include "cli/session_file.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <climits>
-#include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <functional>
 #include <string>
+
+#include "tests/support/scratch_dir.h"
+#include "tests/support/stdout_capture.h"
 
 namespace {
 
 class SessionFileTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string tmpl = ::testing::TempDir() + "session_file_test_XXXXXX";
-    ASSERT_NE(mkdtemp(&tmpl[0]), nullptr);
-    dir_ = tmpl;
-    char cwd[4096];
-    ASSERT_NE(getcwd(cwd, sizeof(cwd)), nullptr);
-    oldCwd_ = cwd;
-    ASSERT_EQ(chdir(dir_.c_str()), 0);
-  }
-
-  void TearDown() override {
-    unlink("current_session");
-    rmdir("current_session");
-    EXPECT_EQ(chdir(oldCwd_.c_str()), 0);
-    rmdir(dir_.c_str());
-  }
+  void SetUp() override { ASSERT_TRUE(dir_.Enter()); }
+  void TearDown() override { EXPECT_TRUE(dir_.Leave()); }
 
   // Captures what `fn` prints on standard output.
-  template <class Fn>
-  std::string Printed(Fn fn) {
-    std::string path = dir_ + "/stdout";
-    fflush(stdout);
-    int saved = dup(STDOUT_FILENO);
-    int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    dup2(fd, STDOUT_FILENO);
-    close(fd);
-    fn();
-    fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string out = Content(path);
-    unlink(path.c_str());
-    return out;
+  std::string Printed(const std::function<void()>& fn) {
+    return tidewatch_test::CaptureStdout(dir_.path() + "/stdout", fn);
   }
 
-  static std::string Content(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-  }
-
-  std::string dir_;
-  std::string oldCwd_;
+  tidewatch_test::ScratchDir dir_{"session_file_test"};
 };
 
 TEST_F(SessionFileTest, ReadsTheFirstNumber) {
@@ -95,7 +61,7 @@ TEST_F(SessionFileTest, WriteReplacesTheContentWithoutNewline) {
   std::ofstream("current_session") << "123456789 and more text";
   for (unsigned long id : {7ul, 0ul, ULONG_MAX}) {
     EXPECT_EQ(Printed([&] { SetCurSession(id); }), "");
-    EXPECT_EQ(Content("current_session"), std::to_string(id));
+    EXPECT_EQ(dir_.Read("current_session"), std::to_string(id));
     unsigned long back = 1;
     Printed([&] { EXPECT_TRUE(GetCurSession(back)); });
     EXPECT_EQ(back, id);

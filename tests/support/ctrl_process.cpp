@@ -1,12 +1,12 @@
 #include "tests/support/ctrl_process.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+
+#include "tests/support/child_process.h"
 
 namespace tidewatch_test {
 
@@ -25,36 +25,11 @@ CtrlProcess::~CtrlProcess() {
 std::string CtrlProcess::BinaryPath() { return TIDEWATCH_BIN_DIR "/tide_watch_ctrl"; }
 
 bool CtrlProcess::Start(const std::string& dir, const std::vector<std::string>& args) {
-  // Everything the child needs is prepared before fork: after it, only exec-safe calls.
-  std::string binary = BinaryPath();
-  std::vector<std::string> storage = args;
-  std::vector<char*> argv = {&binary[0]};
-  for (std::string& a : storage) argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return false;
-  pid_t parent = getpid();
-  pid_t pid = fork();
-  if (pid < 0) {
-    close(out[0]);
-    close(out[1]);
-    return false;
-  }
-  if (pid == 0) {
-    // A receiver never ends by itself: it must not outlive a test binary that crashed.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);
-    int null = open("/dev/null", O_WRONLY);
-    if (chdir(dir.c_str()) != 0 || null < 0 || dup2(out[1], STDOUT_FILENO) < 0 ||
-        dup2(null, STDERR_FILENO) < 0) {
-      _exit(126);
-    }
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(out[1]);
-  m_fd = out[0];
-  m_pid = pid;
+  // A receiver never ends by itself: StartChild ties it to this thread.
+  ChildOptions options;
+  options.dir = dir;
+  options.dropStderr = true;
+  if (!StartChild(BinaryPath(), args, options, &m_pid, &m_fd)) return false;
   m_pending.clear();
   return true;
 }

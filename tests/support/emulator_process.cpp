@@ -1,11 +1,9 @@
 #include "tests/support/emulator_process.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
-#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +12,8 @@
 #include <cstdio>
 #include <string>
 #include <thread>
+
+#include "tests/support/child_process.h"
 
 namespace tidewatch_test {
 namespace {
@@ -61,35 +61,12 @@ bool EmulatorProcess::Start(const std::vector<std::string>& args, int timeoutMs)
   Kill();
   m_args = args;
   setenv("TIDEWATCH_HAL_SOCKET_PREFIX", m_prefix.c_str(), 1);
-  // Everything the child needs is prepared before fork: after it, only exec-safe calls.
-  std::string binary = BinaryPath();
-  std::vector<char*> argv;
-  argv.push_back(&binary[0]);
-  for (std::string& a : m_args) argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  int out[2];
-  if (pipe2(out, O_CLOEXEC) != 0) return false;
-  pid_t parent = getpid();
-  pid_t pid = fork();
-  if (pid < 0) {
-    close(out[0]);
-    close(out[1]);
-    return false;
-  }
-  if (pid == 0) {
-    // Never outlive a test binary that crashed.
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (getppid() != parent) _exit(127);
-    dup2(out[1], STDOUT_FILENO);
-    execv(argv[0], argv.data());
-    _exit(127);
-  }
-  close(out[1]);
-  m_pid = pid;
-  bool ready = WaitForReadyLine(out[0], timeoutMs);
-  close(out[0]);  // the emulator writes nothing more there, and ignores SIGPIPE
+  int out = -1;
+  if (!StartChild(BinaryPath(), m_args, ChildOptions(), &m_pid, &out)) return false;
+  bool ready = WaitForReadyLine(out, timeoutMs);
+  close(out);  // the emulator writes nothing more there, and ignores SIGPIPE
   if (!ready) {
-    fprintf(stderr, "%s did not get ready\n", binary.c_str());
+    fprintf(stderr, "%s did not get ready\n", BinaryPath().c_str());
     Kill();
   }
   return ready;

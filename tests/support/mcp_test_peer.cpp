@@ -8,25 +8,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-
-#include "libtidewatch/platform/log.h"
-
 namespace tidewatch_test {
 namespace {
-
-// Never destroyed: platform threads that outlive a test may still log through the sink while the
-// process exits.
-struct LogStore {
-  std::mutex mutex;
-  std::condition_variable changed;
-  std::vector<std::string> lines;
-};
-LogStore& Store() {
-  static LogStore* store = new LogStore;
-  return *store;
-}
 
 void PutLE32(Bytes& out, uint32_t v) {
   for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
@@ -101,48 +84,6 @@ Bytes Concat(std::initializer_list<Bytes> parts) {
   Bytes out;
   for (const Bytes& part : parts) out.insert(out.end(), part.begin(), part.end());
   return out;
-}
-
-LogCapture::LogCapture(int threshold) {
-  {
-    std::lock_guard<std::mutex> lock(Store().mutex);
-    Store().lines.clear();
-  }
-  libtidewatch::SetLogSink(&Sink);
-  libtidewatch::SetLogThreshold(threshold);
-}
-
-LogCapture::~LogCapture() {
-  libtidewatch::SetLogThreshold(libtidewatch::kLogError);
-  libtidewatch::SetLogSink(nullptr);
-}
-
-void LogCapture::Sink(int priority, const char* /*tag*/, const char* text) {
-  LogStore& store = Store();
-  std::lock_guard<std::mutex> lock(store.mutex);
-  store.lines.push_back(std::to_string(priority) + " " + text);
-  store.changed.notify_all();
-}
-
-std::vector<std::string> LogCapture::Lines() const {
-  std::lock_guard<std::mutex> lock(Store().mutex);
-  return Store().lines;
-}
-
-bool LogCapture::Contains(const std::string& line) const {
-  std::vector<std::string> lines = Lines();
-  return std::find(lines.begin(), lines.end(), line) != lines.end();
-}
-
-bool LogCapture::WaitForText(const std::string& text) const {
-  LogStore& store = Store();
-  std::unique_lock<std::mutex> lock(store.mutex);
-  return store.changed.wait_for(lock, std::chrono::seconds(20), [&] {
-    for (const std::string& l : store.lines) {
-      if (l.find(text) != std::string::npos) return true;
-    }
-    return false;
-  });
 }
 
 }  // namespace tidewatch_test

@@ -1,11 +1,9 @@
 // Helpers for tests of the receiving side: a peer that connects to an abstract-namespace socket and
-// writes MCP packets and trap records in their wire form, and a capture of the library's log.
+// writes MCP packets and trap records in their wire form.
 #pragma once
 
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -38,24 +36,5 @@ Bytes TrapRecord(uint8_t type, const Bytes& payload, int64_t length = -1);
 Bytes DiscardRecord(const std::vector<std::pair<uint8_t, uint32_t>>& entries);
 
 Bytes Concat(std::initializer_list<Bytes> parts);
-
-// Captures every library log line that passes the threshold while it lives; restores the default
-// output and the error threshold when it goes. Only one may live at a time.
-class LogCapture {
- public:
-  explicit LogCapture(int threshold);
-  ~LogCapture();
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-
-  // Lines are "<priority> <text>", for example "3 MCPReceiver in".
-  std::vector<std::string> Lines() const;
-  bool Contains(const std::string& line) const;
-  // Waits (up to a generous guard time) until some line contains `text`.
-  bool WaitForText(const std::string& text) const;
-
- private:
-  static void Sink(int priority, const char* tag, const char* text);
-};
 
 }  // namespace tidewatch_test

@@ -23,6 +23,7 @@ ScratchDir::ScratchDir(const char* label) {
 }
 
 ScratchDir::~ScratchDir() {
+  Leave();
   if (!m_path.empty()) nftw(m_path.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
 }
 
@@ -51,6 +52,21 @@ bool ScratchDir::CopyIn(const std::string& from, const std::string& name) const 
   std::stringstream text;
   text << in.rdbuf();
   return Write(name, text.str());
+}
+
+bool ScratchDir::Enter() {
+  char cwd[4096];
+  if (m_path.empty() || !m_left.empty() || getcwd(cwd, sizeof(cwd)) == nullptr) return false;
+  if (chdir(m_path.c_str()) != 0) return false;
+  m_left = cwd;
+  return true;
+}
+
+bool ScratchDir::Leave() {
+  if (m_left.empty()) return true;
+  bool back = chdir(m_left.c_str()) == 0;
+  m_left.clear();
+  return back;
 }
 
 }  // namespace tidewatch_test

@@ -21,8 +21,14 @@ class ScratchDir {
   // Copies the file at `from` to `name` inside the directory, making `name`'s folder first.
   bool CopyIn(const std::string& from, const std::string& name) const;
 
+  // Makes the directory the working directory, for code that uses relative paths, until Leave()
+  // or the end of the ScratchDir; false when either change failed.
+  bool Enter();
+  bool Leave();
+
  private:
   std::string m_path;
+  std::string m_left;  // the working directory before Enter(); empty when not entered
 };
 
 }  // namespace tidewatch_test

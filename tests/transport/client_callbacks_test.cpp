@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
-#include "tests/support/mcp_test_peer.h"
+#include "tests/support/log_capture.h"
 
 namespace libtidewatch {
 namespace {

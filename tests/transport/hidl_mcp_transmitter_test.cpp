@@ -15,7 +15,7 @@
 #include "libtidewatch/api/monitor_cmd_proxy.h"
 #include "libtidewatch/platform/log.h"
 #include "tests/support/emulator_process.h"
-#include "tests/support/mcp_test_peer.h"
+#include "tests/support/log_capture.h"
 
 namespace libtidewatch {
 namespace {
@@ -58,15 +58,10 @@ class HIDLMCPTransmitterTest : public ::testing::Test {
     return false;
   }
 
-  static size_t Count(const LogCapture& log, const std::string& line) {
-    size_t n = 0;
-    for (const std::string& l : log.Lines()) n += l == line;
-    return n;
-  }
   // Waits (with a generous guard) until `line` has been logged `n` times.
   static bool WaitForCount(const LogCapture& log, const std::string& line, size_t n) {
     for (int i = 0; i < 2000; ++i) {
-      if (Count(log, line) >= n) return true;
+      if (log.Count(line) >= n) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
@@ -98,9 +93,9 @@ TEST_F(HIDLMCPTransmitterTest, PrefersAidlAndFallsBackToHidl) {
       std::vector<uint64_t> ids;
       EXPECT_EQ(proxy.ListSession(1, ids), 0);
       EXPECT_EQ(ids, std::vector<uint64_t>{1});
-      EXPECT_EQ(Count(log, kAidlConnected), c.aidl ? 1u : 0u);
-      EXPECT_EQ(Count(log, kHidlConnected), c.aidl ? 0u : 1u);
-      EXPECT_EQ(Count(log, "3 HIDLMCPTransmitter Send CMD MCP to client via AIDL connection"),
+      EXPECT_EQ(log.Count(kAidlConnected), c.aidl ? 1u : 0u);
+      EXPECT_EQ(log.Count(kHidlConnected), c.aidl ? 0u : 1u);
+      EXPECT_EQ(log.Count("3 HIDLMCPTransmitter Send CMD MCP to client via AIDL connection"),
                 c.aidl ? 2u : 0u);
     }
     emulator.Stop();
@@ -199,8 +194,8 @@ TEST_F(HIDLMCPTransmitterTest, ReconnectsAidlOnDeath) {
   ASSERT_TRUE(WaitForCount(log, kAidlConnected, 2));
   ASSERT_TRUE(SendsEventually(tx));
   EXPECT_TRUE(tx.CheckValid());
-  EXPECT_EQ(Count(log, kAidlConnected), Count(log, kDied) + 1);
-  EXPECT_EQ(Count(log, kHidlFailed), 0u);
+  EXPECT_EQ(log.Count(kAidlConnected), log.Count(kDied) + 1);
+  EXPECT_EQ(log.Count(kHidlFailed), 0u);
 }
 
 // When the service is not back, the death leaves both handles empty; the next Send reconnects.
@@ -211,12 +206,12 @@ TEST_F(HIDLMCPTransmitterTest, HidlDeathLeavesNoHandleUntilNextSend) {
   ASSERT_TRUE(SendsAndGetsReply(tx));
   emulator.Kill();
   ASSERT_TRUE(WaitForCount(log, kHidlFailed, 1));
-  EXPECT_GE(Count(log, kDied), 1u);
+  EXPECT_GE(log.Count(kDied), 1u);
   EXPECT_FALSE(tx.CheckValid());
-  const size_t connections = Count(log, kHidlConnected);
+  const size_t connections = log.Count(kHidlConnected);
   ASSERT_TRUE(emulator.Restart());
   EXPECT_TRUE(SendsAndGetsReply(tx));
-  EXPECT_EQ(Count(log, kHidlConnected), connections + 1);
+  EXPECT_EQ(log.Count(kHidlConnected), connections + 1);
 }
 
 // Sends keep going on another thread while the service dies and comes back; the death handler and
@@ -257,7 +252,7 @@ TEST_F(HIDLMCPTransmitterTest, SendsRaceWithDeath) {
   ASSERT_TRUE(back);
   EXPECT_GE(okBefore, 3);
   EXPECT_GE(okAfter, 3);
-  EXPECT_GE(Count(log, kDied), 1u);
+  EXPECT_GE(log.Count(kDied), 1u);
 }
 
 }  // namespace

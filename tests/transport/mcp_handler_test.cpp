@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <memory>
 #include <random>
@@ -14,6 +13,7 @@
 
 #include "libtidewatch/platform/log.h"
 #include "libtidewatch/transport/socket_connection.h"
+#include "tests/support/log_capture.h"
 
 namespace libtidewatch {
 namespace {
@@ -22,23 +22,10 @@ using Bytes = std::vector<uint8_t>;
 
 class MCPHandlerTest : public ::testing::Test {
  protected:
-  static std::vector<std::string>& Lines() {
-    static std::vector<std::string> lines;
-    return lines;
-  }
-  static void Record(int, const char*, const char* text) { Lines().push_back(text); }
+  // For runs whose debug lines, one per skipped byte, are too many to keep.
   static void Discard(int, const char*, const char*) {}
-  static bool Logged(const std::string& text) {
-    return std::find(Lines().begin(), Lines().end(), text) != Lines().end();
-  }
 
-  void SetUp() override {
-    Lines().clear();
-    SetLogSink(&Record);
-  }
   void TearDown() override {
-    SetLogSink(nullptr);
-    SetLogThreshold(kLogError);
     if (peer >= 0) close(peer);
   }
 
@@ -73,6 +60,7 @@ class MCPHandlerTest : public ::testing::Test {
     ASSERT_TRUE(conn->ReadToBuffer());
   }
 
+  tidewatch_test::LogCapture log_{kLogError, tidewatch_test::LogCapture::Form::kText};
   std::unique_ptr<DataQueue> q{new DataQueue};  // too big for a test's stack frame
   std::unique_ptr<SocketConnection> conn;
   int peer = -1;
@@ -107,14 +95,14 @@ TEST_F(MCPHandlerTest, MalformedPacketsAreDroppedAsWritten) {
       {MCP_TYPE_CMD, size_t{1} << 32, big.data(), "Payload length is invalid! len = [0]. DROP."},
   };
   for (const auto& c : cases) {
-    Lines().clear();
+    log_.Clear();
     MCPInfo in;
     in.type = MCP_TYPE(c.type);
     in.length = c.length;  // set directly: SetData would clamp it
     in.data = c.data;
     EXPECT_TRUE(MCPHandler::WriteToBuffer(*q, in, nullptr)) << c.error;
     EXPECT_EQ(q->size, 0u) << c.error;
-    EXPECT_EQ(Lines(), std::vector<std::string>{c.error});
+    EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.error});
   }
 
   MCPInfo in;  // 2^32 + 1 truncates to a valid 1
@@ -137,11 +125,11 @@ TEST_F(MCPHandlerTest, QueueOverflowFailsAtThePieceThatDoesNotFit) {
   MCPInfo in;
   in.SetData(MCP_TYPE_CMD, sizeof(payload), payload, false);
   for (const auto& c : cases) {
-    Lines().clear();
+    log_.Clear();
     q->Reset();
     q->size = DataQueue::kCapacity - c.room;
     EXPECT_FALSE(MCPHandler::WriteToBuffer(*q, in, nullptr)) << c.error;
-    EXPECT_EQ(Lines(), std::vector<std::string>{c.error});
+    EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.error});
     EXPECT_EQ(q->SpaceSize(), c.roomLeft) << c.error;
   }
 }
@@ -254,10 +242,10 @@ TEST_F(MCPHandlerTest, OneShotReader) {
       {shortPayload.data(), shortPayload.size(), "Data size [2] < Payload length [5]."},
   };
   for (const auto& c : failures) {
-    Lines().clear();
+    log_.Clear();
     MCPInfo none;
     EXPECT_FALSE(MCPHandler::ProcessFromBuffer(c.bytes, c.len, none, nullptr)) << c.error;
-    EXPECT_EQ(Lines(), std::vector<std::string>{c.error});
+    EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.error});
   }
 }
 
@@ -268,14 +256,14 @@ TEST_F(MCPHandlerTest, StreamReaderCompletesAPendingHeaderWithoutSearchingAgain)
   PeerSend(Bytes(packet.begin(), packet.begin() + 12));
   MCPInfo io;
   EXPECT_FALSE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
-  EXPECT_TRUE(Logged("Data size [2] < Payload length [5]. Wait for next time."));
+  EXPECT_TRUE(log_.Contains("Data size [2] < Payload length [5]. Wait for next time."));
   EXPECT_EQ(io.length, 5u);
   EXPECT_EQ(io.data, nullptr);
 
   PeerSend(Bytes(packet.begin() + 12, packet.end()));
-  Lines().clear();
+  log_.Clear();
   ASSERT_TRUE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
-  EXPECT_FALSE(Logged("MCPHandler::SearchHeader"));
+  EXPECT_FALSE(log_.Contains("MCPHandler::SearchHeader"));
   EXPECT_EQ(io.type, MCP_TYPE_TRAP);
   EXPECT_EQ(Text(io), "hello");
   EXPECT_EQ(conn->ReadQueue().size, 0u);
@@ -306,7 +294,7 @@ TEST_F(MCPHandlerTest, WritesToAConnectionUntilThePeerHasGone) {
   close(peer);
   peer = -1;
   EXPECT_FALSE(MCPHandler::WriteToConnection(*conn, in, nullptr));
-  EXPECT_TRUE(Logged("MCPHandler::WriteToConnection (HEADER_MAGIC) failed!"));
+  EXPECT_TRUE(log_.Contains("MCPHandler::WriteToConnection (HEADER_MAGIC) failed!"));
 }
 
 // SetData clamps even a borrowed length, and may re-set a packet from its own payload.

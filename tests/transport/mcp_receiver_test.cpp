@@ -17,6 +17,7 @@
 #include "libtidewatch/platform/log.h"
 #include "libtidewatch/transport/client_callbacks.h"
 #include "libtidewatch/transport/socket_listener.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/mcp_test_peer.h"
 
 namespace libtidewatch {

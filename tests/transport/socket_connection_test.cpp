@@ -5,14 +5,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
+#include "tests/support/log_capture.h"
 
 namespace libtidewatch {
 namespace {
@@ -22,25 +21,7 @@ using Bytes = std::vector<uint8_t>;
 // The connection owns one end of a non-blocking socket pair; the test is the peer on the other.
 class SocketConnectionTest : public ::testing::Test {
  protected:
-  static std::vector<std::string>& Lines() {
-    static std::vector<std::string> lines;
-    return lines;
-  }
-  static void Record(int, const char*, const char* text) {
-    Lines().push_back(text);
-    if (strncmp(text, "write to fd failed: [", 21) == 0) ++writeRetries;
-  }
-  static bool Logged(const std::string& text) {
-    for (const std::string& line : Lines()) {
-      if (line == text) return true;
-    }
-    return false;
-  }
-
   void SetUp() override {
-    Lines().clear();
-    SetLogSink(&Record);
-    SetLogThreshold(kLogDebug);
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
@@ -50,8 +31,6 @@ class SocketConnectionTest : public ::testing::Test {
   void TearDown() override {
     conn.reset();
     if (peer >= 0) close(peer);
-    SetLogSink(nullptr);
-    SetLogThreshold(kLogError);
   }
   void ClosePeer() {
     close(peer);
@@ -64,12 +43,10 @@ class SocketConnectionTest : public ::testing::Test {
     return got;
   }
 
+  tidewatch_test::LogCapture log_{kLogDebug, tidewatch_test::LogCapture::Form::kText};
   std::unique_ptr<SocketConnection> conn;
   int peer = -1;
-  // Counted by the sink, which runs on the writing thread, for a thread that waits on it.
-  static std::atomic<int> writeRetries;
 };
-std::atomic<int> SocketConnectionTest::writeRetries{0};
 
 TEST_F(SocketConnectionTest, WritesAndReadsBytes) {
   const Bytes out = {1, 2, 3, 0, 255};
@@ -81,22 +58,23 @@ TEST_F(SocketConnectionTest, WritesAndReadsBytes) {
   ASSERT_TRUE(conn->ReadToBuffer());
   const DataQueue& q = conn->ReadQueue();
   EXPECT_EQ(Bytes(q.Front(), q.Front() + q.size), in);
-  EXPECT_TRUE(Logged("BufferedConnection::ReadToBuffer done! read [3] bytes."));
+  EXPECT_TRUE(log_.Contains("BufferedConnection::ReadToBuffer done! read [3] bytes."));
 }
 
 TEST_F(SocketConnectionTest, NothingToReadIsAnEmptySuccess) {
   ASSERT_TRUE(conn->ReadToBuffer());
   EXPECT_EQ(conn->ReadQueue().size, 0u);
   EXPECT_TRUE(conn->valid);
-  EXPECT_TRUE(Logged("No data to read from fd: [" + std::to_string(conn->fd) +
-                     "], retry [5] times when err = [Resource temporarily unavailable](11)"));
+  EXPECT_TRUE(
+      log_.Contains("No data to read from fd: [" + std::to_string(conn->fd) +
+                    "], retry [5] times when err = [Resource temporarily unavailable](11)"));
 }
 
 TEST_F(SocketConnectionTest, PeerCloseInvalidatesOnReadAndWrite) {
   ClosePeer();
   EXPECT_FALSE(conn->ReadToBuffer());
   EXPECT_FALSE(conn->valid);
-  EXPECT_TRUE(Logged("Socket is closed. fd: [" + std::to_string(conn->fd) + "]"));
+  EXPECT_TRUE(log_.Contains("Socket is closed. fd: [" + std::to_string(conn->fd) + "]"));
 
   // A write to the gone peer fails instead of raising SIGPIPE.
   conn->valid = true;
@@ -111,25 +89,24 @@ TEST_F(SocketConnectionTest, FullQueueIsAReadFailure) {
   conn->ReadQueue().size = DataQueue::kCapacity;
   EXPECT_FALSE(conn->ReadToBuffer());
   EXPECT_TRUE(conn->valid);
-  EXPECT_TRUE(Logged("Failed to read from connection"));
+  EXPECT_TRUE(log_.Contains("Failed to read from connection"));
 }
 
 TEST_F(SocketConnectionTest, StopFlagEndsABlockedWriteAsSuccess) {
   // Far more than the socket buffers hold while the peer does not read: the write must block.
   Bytes big(16 << 20, 0x5A);
   volatile bool stop = false;
-  writeRetries = 0;
   std::thread stopper([&] {
-    while (writeRetries == 0) std::this_thread::yield();  // the stop lands mid-write
+    log_.WaitForText("write to fd failed: [");  // the stop lands mid-write
     stop = true;
   });
   EXPECT_TRUE(conn->Write(big.data(), big.size(), &stop));
   stopper.join();
   EXPECT_TRUE(conn->valid);
-  EXPECT_TRUE(Logged("write to fd failed: [" + std::to_string(conn->fd) +
-                     "], err = [Resource temporarily unavailable]"));
-  EXPECT_FALSE(Logged("SocketConnection::Send to fd: [" + std::to_string(conn->fd) +
-                      "] size=[16777216] successfully."));
+  EXPECT_TRUE(log_.Contains("write to fd failed: [" + std::to_string(conn->fd) +
+                            "], err = [Resource temporarily unavailable]"));
+  EXPECT_FALSE(log_.Contains("SocketConnection::Send to fd: [" + std::to_string(conn->fd) +
+                             "] size=[16777216] successfully."));
 }
 
 TEST_F(SocketConnectionTest, PipesAreWrittenToo) {

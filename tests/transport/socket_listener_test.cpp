@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "libtidewatch/platform/log.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/mcp_test_peer.h"
 
 namespace libtidewatch {

@@ -3,15 +3,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdio>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
 #include "libtidewatch/trap/frame_decoder.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/scratch_dir.h"
 
 namespace libtidewatch {
 namespace {
@@ -21,63 +20,24 @@ namespace {
 class FrameDecoderCacheTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char dir[] = "/tmp/frame_decoder_cache_test.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-    props_ = dir_ + "/properties";
-    setenv("TIDEWATCH_HOST_PROPERTIES", props_.c_str(), 1);
-    Logged().clear();
-    threshold_ = GetLogThreshold();
-    SetLogThreshold(kLogVerbose);
-    SetLogSink(&Capture);
+    ASSERT_FALSE(dir_.path().empty());
+    setenv("TIDEWATCH_HOST_PROPERTIES", (dir_.path() + "/properties").c_str(), 1);
   }
-  void TearDown() override {
-    SetLogSink(nullptr);
-    SetLogThreshold(threshold_);
-    unsetenv("TIDEWATCH_HOST_PROPERTIES");
-    for (const std::string& f : files_) unlink(f.c_str());
-    unlink(props_.c_str());
-    rmdir(dir_.c_str());
-  }
+  void TearDown() override { unsetenv("TIDEWATCH_HOST_PROPERTIES"); }
 
-  static std::mutex& LogMutex() {
-    static std::mutex mutex;
-    return mutex;
-  }
-  static std::vector<std::string>& Logged() {
-    static std::vector<std::string> lines;
-    return lines;
-  }
-  static void Capture(int priority, const char*, const char* text) {
-    std::lock_guard<std::mutex> lock(LogMutex());
-    Logged().push_back(std::string(1, "??VDIWE"[priority]) + " " + text);
-  }
-  static size_t CountLogged(const std::string& line) {
-    std::lock_guard<std::mutex> lock(LogMutex());
-    return std::count(Logged().begin(), Logged().end(), line);
-  }
-
-  std::string Write(const std::string& path, const std::string& text) {
-    FILE* fp = fopen(path.c_str(), "w");
-    EXPECT_NE(fp, nullptr);
-    if (fp != nullptr) {
-      fputs(text.c_str(), fp);
-      fclose(fp);
-    }
-    if (path != props_) files_.push_back(path);
-    return path;
+  std::string Write(const std::string& name, const std::string& text) {
+    EXPECT_TRUE(dir_.Write(name, text)) << name;
+    return dir_.path() + "/" + name;
   }
   std::string WriteLayout(const std::string& name, const std::string& globalIDs) {
-    return Write(dir_ + "/" + name,
+    return Write(name,
                  "#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\nOTA_SIM_IDX_OFFSET,8,1\n"
                  "#MSG_INFO\nMSG_ID_OFFSET,4,2\nSIM_IDX_OFFSET,6,1\n#GLOBAL_ID\n" +
                      globalIDs);
   }
 
-  std::string dir_;
-  std::string props_;
-  std::vector<std::string> files_;
-  int threshold_ = 0;
+  tidewatch_test::LogCapture log_{kLogVerbose, tidewatch_test::LogCapture::Form::kLetter};
+  tidewatch_test::ScratchDir dir_{"frame_decoder_cache_test"};
 };
 
 TEST_F(FrameDecoderCacheTest, PropertiesChooseTheFolder) {
@@ -113,12 +73,12 @@ TEST_F(FrameDecoderCacheTest, PropertiesChooseTheFolder) {
   };
   for (Case& c : cases) {
     SCOPED_TRACE(c.properties);
-    Write(props_, c.properties);
-    Logged().clear();
+    Write("properties", c.properties);
+    log_.Clear();
     FrameDecoder decoder;
     EXPECT_FALSE(decoder.LoadFromDefaultLocation());
     c.log.insert(c.log.end(), tail.begin(), tail.end());
-    EXPECT_EQ(Logged(), c.log);
+    EXPECT_EQ(log_.Lines(), c.log);
   }
 }
 
@@ -133,17 +93,17 @@ TEST_F(FrameDecoderCacheTest, OneDecoderPerKeyFailuresIncluded) {
   EXPECT_NE(loaded, none);
   EXPECT_EQ(FrameDecoder::GetInstance(good.c_str()), loaded);
   EXPECT_STREQ(loaded->GetMsgString(TRAP_TYPE_OTA, 7), "RRC_SETUP");
-  EXPECT_EQ(CountLogged("D LayoutDescPath = [" + good + "]"), 1u);
+  EXPECT_EQ(log_.Count("D LayoutDescPath = [" + good + "]"), 1u);
 
   // A failed load is cached: the file appearing later does not make the same key load it.
-  std::string late = dir_ + "/late.dat";
+  std::string late = dir_.path() + "/late.dat";
   FrameDecoder* failed = FrameDecoder::GetInstance(late.c_str());
   ASSERT_NE(failed, nullptr);
-  EXPECT_EQ(CountLogged("E Failed to load layout description file: [" + late + "]"), 1u);
+  EXPECT_EQ(log_.Count("E Failed to load layout description file: [" + late + "]"), 1u);
   WriteLayout("late.dat", "RRC_SETUP(7)\n");
   EXPECT_EQ(FrameDecoder::GetInstance(late.c_str()), failed);
   EXPECT_EQ(failed->GetMsgString(TRAP_TYPE_OTA, 7), nullptr);
-  EXPECT_EQ(CountLogged("D LayoutDescPath = [" + late + "]"), 1u);
+  EXPECT_EQ(log_.Count("D LayoutDescPath = [" + late + "]"), 1u);
 }
 
 TEST_F(FrameDecoderCacheTest, ConcurrentCallersShareOneLoadPerKey) {
@@ -152,7 +112,7 @@ TEST_F(FrameDecoderCacheTest, ConcurrentCallersShareOneLoadPerKey) {
     keys.push_back(WriteLayout("threads" + std::to_string(i) + ".dat",
                                "NAME" + std::to_string(i) + "(" + std::to_string(i) + ")\n"));
   }
-  keys.push_back(dir_ + "/missing.dat");
+  keys.push_back(dir_.path() + "/missing.dat");
   constexpr int kThreads = 8;
   std::vector<std::vector<FrameDecoder*>> seen(kThreads, std::vector<FrameDecoder*>(keys.size()));
   std::vector<std::thread> threads;
@@ -173,7 +133,7 @@ TEST_F(FrameDecoderCacheTest, ConcurrentCallersShareOneLoadPerKey) {
   for (std::thread& thread : threads) thread.join();
   for (size_t k = 0; k < keys.size(); ++k) {
     for (int t = 1; t < kThreads; ++t) EXPECT_EQ(seen[t][k], seen[0][k]) << keys[k];
-    EXPECT_EQ(CountLogged("D LayoutDescPath = [" + keys[k] + "]"), 1u) << keys[k];
+    EXPECT_EQ(log_.Count("D LayoutDescPath = [" + keys[k] + "]"), 1u) << keys[k];
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include "libtidewatch/platform/log.h"
 #include "libtidewatch/trap/frame_decoder.h"
+#include "tests/support/log_capture.h"
 
 namespace libtidewatch {
 namespace {
@@ -32,22 +33,11 @@ class FrameDecoderCollectorsTest : public ::testing::Test {
     Outcome outcome;
   };
 
-  void SetUp() override {
-    threshold_ = GetLogThreshold();
-    SetLogThreshold(kLogVerbose);
-    SetLogSink(&Capture);
-  }
-  void TearDown() override {
-    SetLogSink(nullptr);
-    SetLogThreshold(threshold_);
-  }
-
-  static std::string& Logged() {
-    static std::string log;
-    return log;
-  }
-  static void Capture(int priority, const char*, const char* text) {
-    Logged() += std::string(Logged().empty() ? "" : "|") + "??VDIWE"[priority] + " " + text;
+  // The captured lines joined by "|", as the cases spell them.
+  std::string Logged() const {
+    std::string joined;
+    for (const std::string& line : log_.Lines()) joined += (joined.empty() ? "" : "|") + line;
+    return joined;
   }
 
   static void Info(std::ostream& out, std::string_view name, const Decoder::FIELD_INFO& info) {
@@ -110,7 +100,7 @@ class FrameDecoderCollectorsTest : public ::testing::Test {
       SCOPED_TRACE(c.line.fields);
       Decoder decoder;
       for (const Line& b : before) ASSERT_TRUE(Call(b, decoder));
-      Logged().clear();
+      log_.Clear();
       EXPECT_EQ(Call(c.line, decoder), c.outcome.result);
       EXPECT_EQ(Logged(), c.outcome.log);
       EXPECT_EQ(Dump(decoder), c.outcome.dump);
@@ -127,7 +117,7 @@ class FrameDecoderCollectorsTest : public ::testing::Test {
                           line.user);
   }
 
-  int threshold_ = 0;
+  tidewatch_test::LogCapture log_{kLogVerbose, tidewatch_test::LogCapture::Form::kLetter};
 };
 
 constexpr auto kOTA = &Decoder::OTAInfoCollector;

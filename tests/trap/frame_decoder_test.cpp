@@ -1,18 +1,19 @@
 #include "libtidewatch/trap/frame_decoder.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <random>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/scratch_dir.h"
 
 namespace libtidewatch {
 namespace {
@@ -24,48 +25,11 @@ constexpr char kMandatory[] =
 
 class FrameDecoderTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/tmp/frame_decoder_test.XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    dir_ = dir;
-    Logged().clear();
-    threshold_ = GetLogThreshold();
-    SetLogThreshold(kLogVerbose);
-    SetLogSink(&Capture);
-  }
-  void TearDown() override {
-    SetLogSink(nullptr);
-    SetLogThreshold(threshold_);
-    for (const std::string& f : files_) unlink(f.c_str());
-    rmdir(dir_.c_str());
-  }
-
-  static std::vector<std::string>& Logged() {
-    static std::vector<std::string> lines;
-    return lines;
-  }
-  // Keeps the start of each message: some tests log lines of tens of kilobytes.
-  static void Capture(int priority, const char*, const char* text) {
-    Logged().push_back(std::string(1, "??VDIWE"[priority]) + " " +
-                       std::string(text).substr(0, 200));
-  }
-  static bool WasLogged(const std::string& line) {
-    return std::find(Logged().begin(), Logged().end(), line) != Logged().end();
-  }
-  static size_t Errors() {
-    return std::count_if(Logged().begin(), Logged().end(),
-                         [](const std::string& l) { return l[0] == 'E'; });
-  }
+  void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
 
   std::string Write(const std::string& name, const std::string& text) {
-    std::string path = dir_ + "/" + name;
-    FILE* fp = fopen(path.c_str(), "wb");
-    EXPECT_NE(fp, nullptr);
-    if (fp == nullptr) return path;
-    fwrite(text.data(), 1, text.size(), fp);
-    fclose(fp);
-    files_.push_back(path);
-    return path;
+    EXPECT_TRUE(dir_.Write(name, text)) << name;
+    return dir_.path() + "/" + name;
   }
   static std::map<std::string, uint64_t> NamesOf(const FrameDecoder& decoder) {
     const auto& names = decoder.m_globalIDsByName;
@@ -77,10 +41,10 @@ class FrameDecoderTest : public ::testing::Test {
     return decoder_.LoadFromDESC(Write("layout", text).c_str());
   }
 
+  // Keeps the start of each message: some tests log lines of tens of kilobytes.
+  tidewatch_test::LogCapture log_{kLogVerbose, tidewatch_test::LogCapture::Form::kLetter, 200};
+  tidewatch_test::ScratchDir dir_{"frame_decoder_test"};
   FrameDecoder decoder_;
-  std::string dir_;
-  std::vector<std::string> files_;
-  int threshold_ = 0;
 };
 
 TEST_F(FrameDecoderTest, MissingMandatoryOffsetIsNamed) {
@@ -100,13 +64,13 @@ TEST_F(FrameDecoderTest, MissingMandatoryOffsetIsNamed) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
     FrameDecoder decoder;
-    Logged().clear();
+    log_.Clear();
     EXPECT_EQ(decoder.LoadFromDESC(Write("layout", c.text).c_str()), c.missing == nullptr);
     if (c.missing != nullptr) {
-      EXPECT_EQ(Logged().back(), std::string("E ") + c.missing + " wasn't loaded!");
-      EXPECT_EQ(Errors(), 1u);
+      EXPECT_EQ(log_.Lines().back(), std::string("E ") + c.missing + " wasn't loaded!");
+      EXPECT_EQ(log_.Lines(kLogError).size(), 1u);
     } else {
-      EXPECT_TRUE(WasLogged("D Load Layout DESC [" + dir_ + "/layout] successfully."));
+      EXPECT_TRUE(log_.Contains("D Load Layout DESC [" + dir_.path() + "/layout] successfully."));
     }
   }
 }
@@ -118,10 +82,10 @@ TEST_F(FrameDecoderTest, UnknownSectionsAreSkippedUntilTheNextKnownHeader) {
   std::vector<uint64_t> ids;
   for (const auto& entry : decoder_.m_globalIDs) ids.push_back(entry.first);
   EXPECT_EQ(ids, (std::vector<uint64_t>{2, 6}));
-  EXPECT_TRUE(WasLogged("D Will not parse section [#FOO]"));
-  EXPECT_TRUE(WasLogged("D Will not parse section [#global_id]"));
-  EXPECT_TRUE(WasLogged("D Will not parse section [#GLOBAL_ID \r]"));
-  EXPECT_TRUE(WasLogged("D Will not parse section [# GLOBAL_ID]"));
+  EXPECT_TRUE(log_.Contains("D Will not parse section [#FOO]"));
+  EXPECT_TRUE(log_.Contains("D Will not parse section [#global_id]"));
+  EXPECT_TRUE(log_.Contains("D Will not parse section [#GLOBAL_ID \r]"));
+  EXPECT_TRUE(log_.Contains("D Will not parse section [# GLOBAL_ID]"));
 }
 
 TEST_F(FrameDecoderTest, FieldsAreTrimmedAndEmptyOnesDropped) {
@@ -137,8 +101,8 @@ TEST_F(FrameDecoderTest, FieldsAreTrimmedAndEmptyOnesDropped) {
 
 TEST_F(FrameDecoderTest, CarriageReturnStaysInTheLastField) {
   EXPECT_FALSE(Load("#OTA_INFO\r\n#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\r\n"));
-  EXPECT_TRUE(WasLogged("E Failed to convert [4\r] to uint64_t."));
-  EXPECT_EQ(Logged().back(), "E Failed to collect information [OTA_TRACE_ID_OFFSET,4,4\r]");
+  EXPECT_TRUE(log_.Contains("E Failed to convert [4\r] to uint64_t."));
+  EXPECT_EQ(log_.Lines().back(), "E Failed to collect information [OTA_TRACE_ID_OFFSET,4,4\r]");
   EXPECT_FALSE(decoder_.m_otaTraceID.loaded);
 }
 
@@ -172,7 +136,7 @@ TEST_F(FrameDecoderTest, ManyNamesGiveWhatLineByLineInsertionGives) {
 
 TEST_F(FrameDecoderTest, AFailingLineKeepsWhatCameBefore) {
   EXPECT_FALSE(Load(std::string(kMandatory) + "#GLOBAL_ID\nKEPT(1)\nBROKEN(1x)\nLATER(2)\n"));
-  EXPECT_EQ(Logged().back(), "E Failed to collect information [BROKEN(1x)]");
+  EXPECT_EQ(log_.Lines().back(), "E Failed to collect information [BROKEN(1x)]");
   EXPECT_EQ(NamesOf(decoder_), (std::map<std::string, uint64_t>{{"KEPT", 1}}));
   EXPECT_EQ(decoder_.m_globalIDs.count(2), 0u);
 }
@@ -220,16 +184,16 @@ TEST_F(FrameDecoderTest, AHundredMegabyteLineIsCutNotRead) {
 
 TEST_F(FrameDecoderTest, UnreadableFiles) {
   EXPECT_FALSE(decoder_.LoadFromDESC(nullptr));
-  EXPECT_EQ(Logged().back(), "E Bad parameter for LoadFromDESC. szPath is NULL.");
-  EXPECT_FALSE(decoder_.LoadFromDESC((dir_ + "/absent").c_str()));
-  EXPECT_EQ(Logged().back(),
-            "E Failed to open [" + dir_ + "/absent]. errno = [2] (No such file or directory)");
+  EXPECT_EQ(log_.Lines().back(), "E Bad parameter for LoadFromDESC. szPath is NULL.");
+  EXPECT_FALSE(decoder_.LoadFromDESC((dir_.path() + "/absent").c_str()));
+  EXPECT_EQ(log_.Lines().back(), "E Failed to open [" + dir_.path() +
+                                     "/absent]. errno = [2] (No such file or directory)");
 }
 
 TEST_F(FrameDecoderTest, SampleFileLoadsCleanly) {
   std::string path = std::string(TIDEWATCH_SOURCE_DIR) + "/resources/twd_layout_desc.dat";
   ASSERT_TRUE(decoder_.LoadFromDESC(path.c_str()));
-  EXPECT_EQ(Errors(), 0u);
+  EXPECT_EQ(log_.Lines(kLogError).size(), 0u);
   for (unsigned long id = 1000; id <= 1039; ++id) {
     EXPECT_NE(decoder_.GetMsgString(TRAP_TYPE_OTA, id), nullptr) << id;
   }
@@ -267,10 +231,10 @@ TEST_F(FrameDecoderTest, NamesComeOnlyFromGlobalIDsAndMessages) {
       {static_cast<TRAP_TYPE>(0xffff), 7, nullptr, "D Bad type: [18446744073709551615]"},
   };
   for (const Case& c : cases) {
-    Logged().clear();
+    log_.Clear();
     const char* name = decoder_.GetMsgString(c.type, c.id);
     EXPECT_STREQ(name, c.name) << c.type << "/" << c.id;
-    EXPECT_EQ(Logged(), c.log ? std::vector<std::string>{c.log} : std::vector<std::string>{});
+    EXPECT_EQ(log_.Lines(), c.log ? std::vector<std::string>{c.log} : std::vector<std::string>{});
   }
 }
 
@@ -288,23 +252,24 @@ TEST_F(FrameDecoderTest, SearchLayoutFileMatchesPrefixAndExtension) {
   for (const Case& c : cases) {
     std::string path = Write(c.name, "");
     buffer[0] = '\0';
-    EXPECT_EQ(FrameDecoder::SearchLayoutFile(dir_.c_str(), buffer, sizeof(buffer)), c.found)
+    EXPECT_EQ(FrameDecoder::SearchLayoutFile(dir_.path().c_str(), buffer, sizeof(buffer)), c.found)
         << c.name;
     EXPECT_EQ(buffer, c.found ? path : "");
     unlink(path.c_str());
   }
-  std::string trailing = dir_ + "/";
+  std::string trailing = dir_.path() + "/";
   Write("twd_layout_desc.dat", "");
   ASSERT_TRUE(FrameDecoder::SearchLayoutFile(trailing.c_str(), buffer, sizeof(buffer)));
-  EXPECT_EQ(buffer, dir_ + "//twd_layout_desc.dat");
+  EXPECT_EQ(buffer, dir_.path() + "//twd_layout_desc.dat");
 
-  Logged().clear();
-  EXPECT_FALSE(FrameDecoder::SearchLayoutFile(dir_.c_str(), nullptr, 4096));
-  EXPECT_FALSE(FrameDecoder::SearchLayoutFile((dir_ + "/none").c_str(), buffer, sizeof(buffer)));
-  EXPECT_EQ(Logged(),
-            (std::vector<std::string>{
-                "E Bad parameters. buffer = [(nil)], bufferSize = [4096]",
-                "E Failed to opendir [" + dir_ + "/none]. err = [No such file or directory](2)"}));
+  log_.Clear();
+  EXPECT_FALSE(FrameDecoder::SearchLayoutFile(dir_.path().c_str(), nullptr, 4096));
+  EXPECT_FALSE(
+      FrameDecoder::SearchLayoutFile((dir_.path() + "/none").c_str(), buffer, sizeof(buffer)));
+  EXPECT_EQ(log_.Lines(),
+            (std::vector<std::string>{"E Bad parameters. buffer = [(nil)], bufferSize = [4096]",
+                                      "E Failed to opendir [" + dir_.path() +
+                                          "/none]. err = [No such file or directory](2)"}));
 }
 
 }  // namespace

@@ -19,6 +19,7 @@
 #include "libtidewatch/api/monitor_cmd_proxy.h"
 #include "libtidewatch/platform/log.h"
 #include "tests/support/emulator_process.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/mcp_test_peer.h"
 
 namespace libtidewatch {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
+#include "tests/support/log_capture.h"
 
 namespace libtidewatch {
 namespace {
@@ -15,34 +16,6 @@ using Bytes = std::vector<uint8_t>;
 
 class TrapPackerTest : public ::testing::Test {
  protected:
-  struct Line {
-    int priority;
-    std::string text;
-  };
-  static std::vector<Line>& Lines() {
-    static std::vector<Line> lines;
-    return lines;
-  }
-  static void Record(int priority, const char*, const char* text) {
-    Lines().push_back({priority, text});
-  }
-  void SetUp() override {
-    Lines().clear();
-    SetLogSink(&Record);
-    SetLogThreshold(kLogDebug);
-  }
-  void TearDown() override {
-    SetLogSink(nullptr);
-    SetLogThreshold(kLogError);
-  }
-  static std::vector<std::string> Errors() {
-    std::vector<std::string> errors;
-    for (const Line& line : Lines()) {
-      if (line.priority == kLogError) errors.push_back(line.text);
-    }
-    return errors;
-  }
-
   static void PutU32(Bytes& b, uint32_t v) {
     for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
   }
@@ -70,6 +43,8 @@ class TrapPackerTest : public ::testing::Test {
     for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
     return all;
   }
+
+  tidewatch_test::LogCapture log_{kLogDebug, tidewatch_test::LogCapture::Form::kText};
 };
 
 TEST_F(TrapPackerTest, RefusesEmptyOrOversizedDataSilently) {
@@ -77,7 +52,7 @@ TEST_F(TrapPackerTest, RefusesEmptyOrOversizedDataSilently) {
   EXPECT_FALSE(TrapPacker(nullptr, 10).IsInitialized());
   EXPECT_FALSE(TrapPacker(data.data(), 0).IsInitialized());
   EXPECT_FALSE(TrapPacker(data.data(), data.size()).IsInitialized());
-  EXPECT_TRUE(Lines().empty());
+  EXPECT_TRUE(log_.Lines().empty());
 }
 
 TEST_F(TrapPackerTest, AcceptsOneRecordOfTheMaximumSize) {
@@ -179,12 +154,12 @@ TEST_F(TrapPackerTest, WalksRecords) {
        {kLast, kFailed}},
   };
   for (const auto& c : cases) {
-    Lines().clear();
+    log_.Clear();
     TrapPacker packer(c.data.data(), c.data.size());
     EXPECT_EQ(packer.IsInitialized(), c.initialized) << c.name;
     EXPECT_EQ(packer.GetTrapType(), c.type) << c.name;
     EXPECT_EQ(packer.GetTrapDataLength(), c.length) << c.name;
-    EXPECT_EQ(Errors(), c.errors) << c.name;
+    EXPECT_EQ(log_.Lines(kLogError), c.errors) << c.name;
   }
 }
 
@@ -195,21 +170,21 @@ TEST_F(TrapPackerTest, DiscardCounts) {
   EXPECT_EQ(packer.GetDiscardInfo(TRAP_TYPE_EM), 7u);  // the first entry for a type counts
   EXPECT_EQ(packer.GetDiscardInfo(TRAP_TYPE_OTA), 4u);
   EXPECT_EQ(packer.GetDiscardInfo(TRAP_TYPE_IP), 0u);
-  Lines().clear();
+  log_.Clear();
   EXPECT_EQ(packer.GetDiscardInfo(static_cast<TRAP_TYPE>(9)), 0u);
-  ASSERT_EQ(Lines().size(), 1u);
-  EXPECT_EQ(Lines()[0].text, "No discard count.");
+  ASSERT_EQ(log_.Lines().size(), 1u);
+  EXPECT_EQ(log_.Lines()[0], "No discard count.");
 
   Bytes none = Discard({});
-  Lines().clear();
+  log_.Clear();
   EXPECT_EQ(TrapPacker(none.data(), none.size()).GetDiscardInfo(TRAP_TYPE_OTA), 0u);
-  EXPECT_EQ(Lines().back().text, "No discard count.");
+  EXPECT_EQ(log_.Lines().back(), "No discard count.");
 
   // A record that failed the parse is not trusted, even for the entries that are there.
   Bytes notLast = Cat({Discard({{2, 4}}), Trap(2, {1})});
-  Lines().clear();
+  log_.Clear();
   EXPECT_EQ(TrapPacker(notLast.data(), notLast.size()).GetDiscardInfo(TRAP_TYPE_OTA), 0u);
-  EXPECT_EQ(Errors().back(), "TrapPacker was not initialized.");
+  EXPECT_EQ(log_.Lines(kLogError).back(), "TrapPacker was not initialized.");
 }
 
 }  // namespace

@@ -1,0 +1,78 @@
+// The sending side of the trap benchmarks: streams of MCP trap packets in their wire form and a
+// plain client of an abstract-namespace socket that writes them.
+#pragma once
+
+#include <errno.h>
+#include <stddef.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "libtidewatch/api/monitor_types.h"
+#include "libtidewatch/transport/mcp_info.h"
+
+namespace tidewatch_bench {
+
+using Bytes = std::vector<uint8_t>;
+
+inline void PutLE32(Bytes& out, uint32_t v) {
+  for (int i = 0; i < 4; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
+}
+
+// About `batchBytes` of back-to-back MCP trap packets, each carrying one EM trap record of
+// `trapSize` bytes; `*traps` is how many.
+inline Bytes TrapStream(size_t trapSize, size_t batchBytes, uint64_t* traps) {
+  Bytes packet;
+  PutLE32(packet, libtidewatch::HEADER_MAGIC);
+  packet.push_back(0xAC);
+  packet.push_back(0xCA);
+  PutLE32(packet, static_cast<uint32_t>(5 + trapSize));
+  packet.push_back(libtidewatch::TRAP_TYPE_EM);
+  PutLE32(packet, static_cast<uint32_t>(trapSize));
+  for (size_t i = 0; i < trapSize; ++i) packet.push_back(static_cast<uint8_t>(i));
+  Bytes stream;
+  *traps = 0;
+  while (stream.size() + packet.size() <= batchBytes) {
+    stream.insert(stream.end(), packet.begin(), packet.end());
+    ++*traps;
+  }
+  return stream;
+}
+
+// Fills `*addr` with the abstract-namespace address `name` and returns its length.
+inline socklen_t AbstractAddress(const std::string& name, sockaddr_un* addr) {
+  memset(addr, 0, sizeof(*addr));
+  addr->sun_family = AF_UNIX;
+  memcpy(addr->sun_path + 1, name.data(), name.size());
+  return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+}
+
+// A blocking stream socket connected to abstract `name`; -1 when nobody listens there.
+inline int ConnectAbstract(const std::string& name) {
+  sockaddr_un addr;
+  socklen_t len = AbstractAddress(name, &addr);
+  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
+    close(fd);
+    fd = -1;
+  }
+  return fd;
+}
+
+inline bool WriteAll(int fd, const Bytes& bytes) {
+  size_t done = 0;
+  while (done < bytes.size()) {
+    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace tidewatch_bench
