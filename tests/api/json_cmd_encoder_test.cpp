@@ -126,6 +126,8 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
       {MCP_TYPE_REPLY, head + R"("version":1,"ret":0})", 0, ""},
       {MCP_TYPE_TRAP, head + R"("version":1,"ret":0})", 10, "Reply type not in Json. [3]"},
       {MCP_TYPE_REPLY, "not json", 10, "Cannot parse reply in Json."},
+      // Nested past the JSON reader's depth limit, which makes the reader throw.
+      {MCP_TYPE_REPLY, std::string(1001, '['), 10, "Cannot parse reply in Json."},
       {MCP_TYPE_REPLY, "[1,2]", 10, "Reply is not Json object"},
       {MCP_TYPE_REPLY, R"({"method":"close","version":1,"ret":0})", 10,
        "Key: [api] is not found in JSON reply:"},
