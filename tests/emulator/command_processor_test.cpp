@@ -19,7 +19,6 @@ class CommandProcessorTest : public testing::Test {
     payload.push_back('\0');
     return processor_.Process(reinterpret_cast<const uint8_t*>(payload.data()), payload.size());
   }
-  std::string RunText(const std::string& text) { return WriteCompactJson(Run(text)); }
 
   uint64_t Create(const std::string& arg = "") {
     Json::Value reply = Run(R"({"api":"Tidewatch.Session","method":"create","version":1)" +
@@ -36,33 +35,6 @@ class CommandProcessorTest : public testing::Test {
   SessionTable sessions_{1, SessionLimits{}};
   CommandProcessor processor_{&sessions_, ServiceSecrets{}};
 };
-
-TEST_F(CommandProcessorTest, SessionCommandsRoundTrip) {
-  EXPECT_EQ(RunText(R"({"api":"Tidewatch.Session","method":"create","version":1})"),
-            R"({"api":"Tidewatch.Session","data":{"sessionId":1},"method":"create","ret":0,)"
-            R"("version":1})");
-  EXPECT_EQ(
-      Ret("Tidewatch.Trap", "subscribe", R"({"async":0,"msgId":1234,"sessionId":1,"type":"EM"})"),
-      kRetOk);
-  EXPECT_EQ(Ret("Tidewatch.Trap.Receiver", "set", R"({"server_name":"1trapd","sessionId":1})"),
-            kRetOk);
-  EXPECT_EQ(Ret("Tidewatch.Trap", "enable", R"({"sessionId":1})"), kRetOk);
-  EXPECT_EQ(RunText(R"({"api":"Tidewatch.Session","arg":{"sessionId":1},"method":"get",)"
-                    R"("version":1})"),
-            R"({"api":"Tidewatch.Session","data":{"subscribedTraps":[[],[],[],[1234],[],[],[],)"
-            R"([],[]],"trapEnabled":true,"trapReceiverHost":"1trapd"},"method":"get","ret":0,)"
-            R"("version":1})");
-  EXPECT_EQ(RunText(R"({"api":"Tidewatch.Session","arg":{"doerId":1},"method":"list",)"
-                    R"("version":1})"),
-            R"({"api":"Tidewatch.Session","data":{"sid_list":[1]},"method":"list","ret":0,)"
-            R"("version":1})");
-  EXPECT_EQ(
-      Ret("Tidewatch.Trap", "unsubscribe", R"({"async":0,"msgId":1234,"sessionId":1,"type":"EM"})"),
-      kRetOk);
-  EXPECT_EQ(Ret("Tidewatch.Trap", "disable", R"({"sessionId":1})"), kRetOk);
-  EXPECT_EQ(Ret("Tidewatch.Session", "close", R"({"sessionId":1})"), kRetOk);
-  EXPECT_EQ(Ret("Tidewatch.Session", "close", R"({"sessionId":1})"), kRetNoSuchSession);
-}
 
 TEST_F(CommandProcessorTest, SecretsChooseTheLevel) {
   uint64_t guest = Create();

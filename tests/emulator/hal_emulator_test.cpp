@@ -158,16 +158,6 @@ TEST_F(HalEmulatorTest, BothEndpointsServeOneServiceAndSigtermEndsItCleanly) {
   EXPECT_EQ(emulator_.Stop(), 0);
 }
 
-TEST_F(HalEmulatorTest, PublishesOnlyTheGenerationAskedForAndServesAgainAfterARestart) {
-  ASSERT_TRUE(emulator_.Start({"--hidl", "--first-session-id", "500"}));
-  EXPECT_FALSE(LinkClient(HalGeneration::kAidl).connected());
-  emulator_.Kill();
-  EXPECT_FALSE(LinkClient(HalGeneration::kHidl).connected());
-  ASSERT_TRUE(emulator_.Restart());
-  LinkClient client(HalGeneration::kHidl);
-  EXPECT_EQ(client.Command(kCreate)["data"]["sessionId"], 500);
-}
-
 TEST_F(HalEmulatorTest, GarbageClosesOnlyThatConnection) {
   ASSERT_TRUE(emulator_.Start());
   const Bytes kGarbage[] = {
@@ -216,9 +206,11 @@ TEST_F(HalEmulatorTest, ClientsVanishingMidCallDoNotDisturbOthers) {
   EXPECT_EQ(waiting.Command(kCreate)["ret"], 0);
 }
 
-// Traps reach a registered callback; refused ones are reported with the next that is taken.
+// Traps reach a registered callback; refused ones are reported with the next that is taken. A
+// trap then left unanswered, with a wait far beyond the test's time-out, must freeze neither the
+// command loop nor shutdown.
 TEST_F(HalEmulatorTest, TrapsThroughARegisteredCallback) {
-  ASSERT_TRUE(emulator_.Start({"--trap-rate", "50"}));
+  ASSERT_TRUE(emulator_.Start({"--trap-rate", "50", "--callback-timeout-ms", "600000"}));
   std::string destination = Destination();
   LinkClient callback;
   ASSERT_EQ(callback.Register(destination), 0);
@@ -226,30 +218,17 @@ TEST_F(HalEmulatorTest, TrapsThroughARegisteredCallback) {
   ReceivingSession(&commands, destination);
 
   std::vector<uint32_t> discards;
+  HalLinkFrame frame;
   for (uint8_t answer : {0, 0, 1, 1}) {
-    HalLinkFrame frame;
     ASSERT_EQ(callback.Read(&frame), HalLinkReadResult::kFrame);
     ASSERT_EQ(frame.opcode, kHalLinkTrap);
     discards.push_back(CheckTrap(frame.payload));
     ASSERT_TRUE(callback.Send(kHalLinkTrapResult, {answer}));
   }
   EXPECT_EQ(discards, (std::vector<uint32_t>{0, 1, 2, 0}));
-}
 
-// With a callback that never answers and a wait far beyond the test's time-out, any coupling of
-// the command loop or of shutdown to the trap thread would hang this test.
-TEST_F(HalEmulatorTest, StuckCallbackFreezesNeitherCommandsNorShutdown) {
-  ASSERT_TRUE(emulator_.Start({"--trap-rate", "50", "--callback-timeout-ms", "600000"}));
-  std::string destination = Destination();
-  LinkClient callback;
-  ASSERT_EQ(callback.Register(destination), 0);
-  LinkClient commands;
-  ReceivingSession(&commands, destination);
-  HalLinkFrame frame;
   ASSERT_EQ(callback.Read(&frame), HalLinkReadResult::kFrame);  // and never answered
-  for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(commands.Command(kCreate)["ret"], 0);
-  }
+  EXPECT_EQ(commands.Command(kCreate)["ret"], 0);
   EXPECT_EQ(emulator_.Stop(), 0);
 }
 
@@ -269,33 +248,6 @@ TEST_F(HalEmulatorTest, TrapsThroughTheDestinationSocket) {
   }
   close(receiver);
   close(listener);
-}
-
-TEST_F(HalEmulatorTest, FaultsDamageCommandAnswers) {
-  struct Case {
-    const char* fault;
-    uint8_t status;
-    MCP_TYPE type;  // of the reply packet; NONE when there are no reply bytes
-    int ret;        // of the reply, when there is one
-  } cases[] = {{"transaction-fail", 1, MCP_TYPE_NONE, 0},
-               {"empty-reply", 0, MCP_TYPE_NONE, 0},
-               {"trap-type-reply", 0, MCP_TYPE_TRAP, 0},
-               {"ret-out-of-range", 0, MCP_TYPE_REPLY, 16}};
-  for (const Case& c : cases) {
-    ASSERT_TRUE(emulator_.Start({std::string("--fault=") + c.fault}));
-    LinkClient client;
-    Bytes answer = client.Call(kCreate);
-    ASSERT_FALSE(answer.empty()) << c.fault;
-    EXPECT_EQ(answer[0], c.status) << c.fault;
-    MCP_TYPE type = MCP_TYPE_NONE;
-    Json::Value reply;
-    EXPECT_EQ(ReplyOf(answer, &type, &reply), c.type != MCP_TYPE_NONE) << c.fault;
-    EXPECT_EQ(type, c.type) << c.fault;
-    if (c.type != MCP_TYPE_NONE) {
-      EXPECT_EQ(reply["ret"], c.ret) << c.fault;
-    }
-    EXPECT_EQ(emulator_.Stop(), 0);
-  }
 }
 
 }  // namespace
