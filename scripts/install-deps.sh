@@ -2,8 +2,10 @@
 # Installs the Debian packages the project needs, when any is missing. Run as root on Debian 12.
 set -euo pipefail
 
+# libclang-rt-14-dev holds clang's sanitizer and libFuzzer runtimes; clang only recommends it, and
+# recommended packages are not installed below.
 packages=(build-essential cmake pkg-config python3 libjsoncpp-dev googletest libgtest-dev libgmock-dev
-  libbenchmark-dev clang "$@")
+  libbenchmark-dev clang libclang-rt-14-dev "$@")
 
 missing=()
 for p in "${packages[@]}"; do
