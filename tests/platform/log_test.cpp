@@ -1,9 +1,7 @@
 #include "libtidewatch/platform/log.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -24,27 +22,6 @@ class LogTest : public ::testing::Test {
   void TearDown() override {
     SetLogSink(nullptr);
     SetLogThreshold(kLogError);
-  }
-
-  // Runs `body` with standard error sent to a file, and returns what was written there.
-  template <typename Body>
-  static std::string CaptureStderr(Body body) {
-    std::string path = ::testing::TempDir() + "log_test_stderr_" + std::to_string(getpid());
-    fflush(stderr);
-    int saved = dup(STDERR_FILENO);
-    FILE* fp = fopen(path.c_str(), "w+");
-    dup2(fileno(fp), STDERR_FILENO);
-    body();
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    std::string out;
-    rewind(fp);
-    char buf[256];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof(buf), fp)) > 0) out.append(buf, n);
-    fclose(fp);
-    remove(path.c_str());
-    return out;
   }
 
   static std::vector<Line> lines;
@@ -86,23 +63,6 @@ TEST_F(LogTest, LongMessagesAreWrittenWhole) {
   TW_LOGE("[%s]", big.c_str());
   ASSERT_EQ(lines.size(), 1u);
   EXPECT_EQ(lines[0].text, "[" + big + "]");
-}
-
-TEST_F(LogTest, HostOutputIsOneLinePerMessageOnStderr) {
-  SetLogThreshold(kLogVerbose);
-  std::string out = CaptureStderr([] {
-    TW_LOGV("verbose");
-    TW_LOGD("debug %d", 3);
-    TW_LOGI("info");
-    TW_LOGW("warn\n");
-    TW_LOGE("error");
-  });
-  EXPECT_EQ(out,
-            "V libtidewatch: verbose\n"
-            "D libtidewatch: debug 3\n"
-            "I libtidewatch: info\n"
-            "W libtidewatch: warn\n"
-            "E libtidewatch: error\n");
 }
 
 }  // namespace

@@ -1,26 +1,18 @@
 #include "libtidewatch/trap/monitor_trap_receiver.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
 #include <iterator>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "libtidewatch/api/json_cmd_encoder.h"
-#include "libtidewatch/api/monitor_cmd_proxy.h"
 #include "libtidewatch/platform/log.h"
-#include "tests/support/emulator_process.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/mcp_test_peer.h"
+#include "tests/support/monitor_trap_receiver_fixture.h"
 
 namespace libtidewatch {
 namespace {
@@ -32,111 +24,11 @@ using tidewatch_test::DiscardRecord;
 using tidewatch_test::LogCapture;
 using tidewatch_test::McpPacket;
 using tidewatch_test::TrapRecord;
-using tidewatch_test::UniqueSocketName;
 using tidewatch_test::WriteAll;
 
 Bytes B(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
-class MonitorTrapReceiverTest : public ::testing::Test {
- protected:
-  struct Call {
-    void* context;
-    unsigned int time;
-    TRAP_TYPE type;
-    unsigned long length;
-    bool dataNull;
-    std::string data;  // the first bytes at `data` (at most kCopied)
-    unsigned long discardCount;
-  };
-
-  // Enough for every payload the tests send; the handler is told a record's own length field,
-  // which can exceed the bytes delivered, so the recorder never copies more than this.
-  static constexpr unsigned long kCopied = 64;
-
-  // The handler's context: collects every call.
-  class Recorder {
-   public:
-    static void Handle(void* context, unsigned int time, TRAP_TYPE type, unsigned long length,
-                       const unsigned char* data, unsigned long discardCount) {
-      auto* self = static_cast<Recorder*>(context);
-      std::lock_guard<std::mutex> lock(self->m_mutex);
-      self->m_calls.push_back({context, time, type, length, data == nullptr,
-                               data == nullptr
-                                   ? std::string()
-                                   : std::string(reinterpret_cast<const char*>(data),
-                                                 std::min<unsigned long>(length, kCopied)),
-                               discardCount});
-      self->m_changed.notify_all();
-    }
-    bool WaitForCount(size_t n) {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      return m_changed.wait_for(lock, std::chrono::seconds(60),
-                                [&] { return m_calls.size() >= n; });
-    }
-    std::vector<Call> Calls() {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      return m_calls;
-    }
-
-   private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<Call> m_calls;
-  };
-
-  void SetUp() override {
-    // No service may be found by accident: look it up under a prefix nobody publishes.
-    setenv("TIDEWATCH_HAL_SOCKET_PREFIX", UniqueSocketName(".nohal.").c_str(), 1);
-    m_serverName = UniqueSocketName();
-  }
-  void TearDown() override {
-    for (int fd : m_fds) close(fd);
-    unsetenv("TIDEWATCH_HAL_SOCKET_PREFIX");
-    unsetenv("TIDEWATCH_HAL_WAIT_MS");
-  }
-
-  std::unique_ptr<MonitorTrapReceiver> NewReceiver(unsigned long sessionId,
-                                                   const char* serverName) {
-    auto receiver = std::make_unique<MonitorTrapReceiver>(sessionId, serverName);
-    receiver->userData = &recorder;
-    receiver->trapHandler = &Recorder::Handle;
-    return receiver;
-  }
-
-  // A client connection kept open until the test ends.
-  int Connect(const std::string& name) {
-    int fd = ConnectAbstractName(name);
-    if (fd >= 0) m_fds.push_back(fd);
-    return fd;
-  }
-
-  // Sends one trap packet from a fresh client and waits for the handler to see it as call `n`.
-  void ExpectTrapArrives(const std::string& name, const std::string& text, size_t n) {
-    int fd = ConnectAbstractName(name);
-    ASSERT_GE(fd, 0);
-    ASSERT_TRUE(WriteAll(fd, McpPacket(MCP_TYPE_TRAP, TrapRecord(TRAP_TYPE_EM, B(text)))));
-    ASSERT_TRUE(recorder.WaitForCount(n)) << "no trap " << text;
-    close(fd);
-    EXPECT_EQ(recorder.Calls()[n - 1].data, text);
-  }
-
-  Recorder recorder;
-  std::string m_serverName;
-  std::vector<int> m_fds;
-};
-
-// Session 7 without a server name: the destination is "7". The name is shared by every process on
-// the machine, so a run that finds it taken cannot check anything.
-TEST_F(MonitorTrapReceiverTest, NullServerNameUsesTheSessionNumberAlone) {
-  LogCapture log(kLogDebug);
-  auto receiver = NewReceiver(7, nullptr);
-  if (log.Contains("6 Fail to setup domain socket.")) {
-    GTEST_SKIP() << "the abstract socket name \"7\" is taken by another process";
-  }
-  EXPECT_TRUE(log.Contains("3 MonitorTrapReceiver HIDL service connect: false"));
-  EXPECT_TRUE(log.Contains("3 MonitorTrapReceiver Constructor done! Server name is 7(null)"));
-  ExpectTrapArrives("7", "seven", 1);
-}
+class MonitorTrapReceiverTest : public tidewatch_test::MonitorTrapReceiverFixture {};
 
 TEST_F(MonitorTrapReceiverTest, TrapsOverTheSocketReachTheHandler) {
   const struct {
@@ -306,59 +198,6 @@ TEST_F(MonitorTrapReceiverTest, ConnectionsBeyondTheSelectLimitAreRefused) {
 
   receiver.reset();
   setrlimit(RLIMIT_NOFILE, &saved);
-}
-
-// Traps pushed by the service emulator through the registered callback, for each generation it may
-// publish. The receiver is destroyed while traps keep coming: the detached callbacks then refuse
-// them.
-TEST_F(MonitorTrapReceiverTest, TrapsArriveThroughTheServiceCallback) {
-  const struct {
-    const char* publish;
-    const char* connectLine;
-    const char* callbackLine;
-    const char* refusedLine;
-  } cases[] = {
-      {"--aidl", "3 MonitorTrapReceiver AIDL service connect: true",
-       "3 AIDLTidewatchClientCallback MCPReceiver in",
-       "3 AIDLTidewatchClientCallback MCPReceiver out"},
-      {"--hidl", "3 MonitorTrapReceiver HIDL service connect: true", "3 MCPReceiver in",
-       "3 MCPReceiver out wo CB"},
-  };
-  // The command channel need not wait for an AIDL service that is not published.
-  setenv("TIDEWATCH_HAL_WAIT_MS", "0", 1);
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.publish);
-    tidewatch_test::EmulatorProcess emulator;
-    // Ids above the encoder's error codes keep a failure from passing for an id.
-    ASSERT_TRUE(
-        emulator.Start({c.publish, "--first-session-id=100", "--trap-rate=200", "--trap-size=24"}));
-    MonitorCmdProxy<JsonCmdEncoder> proxy;
-    const uint64_t session = proxy.CreateSession(nullptr);
-    ASSERT_NE(session, 0u);
-    ASSERT_GT(session, static_cast<uint64_t>(MONITOR_RESULT_BAD_REPLY));
-
-    LogCapture log(kLogDebug);
-    Recorder viaService;
-    auto receiver = std::make_unique<MonitorTrapReceiver>(session, m_serverName.c_str());
-    receiver->userData = &viaService;
-    receiver->trapHandler = &Recorder::Handle;
-    EXPECT_TRUE(log.Contains(c.connectLine));
-    ASSERT_EQ(proxy.SubscribeTrap(0, session, TRAP_TYPE_OTA, 1234, false), 0);
-    ASSERT_EQ(proxy.SetTrapReceiver(0, session, m_serverName.c_str()), 0);
-    ASSERT_EQ(proxy.EnableTrap(0, session), 0);
-
-    ASSERT_TRUE(viaService.WaitForCount(3));
-    EXPECT_TRUE(log.Contains(c.callbackLine));
-    for (const Call& call : viaService.Calls()) {
-      EXPECT_EQ(call.time, 0u);
-      EXPECT_EQ(call.type, TRAP_TYPE_OTA);
-      EXPECT_EQ(call.length, 24u);
-      EXPECT_FALSE(call.dataNull);
-    }
-    receiver.reset();
-    EXPECT_TRUE(log.WaitForText(c.refusedLine));
-    EXPECT_EQ(emulator.Stop(), 0);
-  }
 }
 
 }  // namespace

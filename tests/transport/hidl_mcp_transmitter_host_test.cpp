@@ -1,5 +1,5 @@
-#include "libtidewatch/transport/hidl_mcp_transmitter.h"
-
+// Every case here needs the host HAL link: the service emulator, or a socket prefix where no
+// service is published so that the lookup fails for sure.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -14,6 +14,7 @@
 #include "libtidewatch/api/json_cmd_encoder.h"
 #include "libtidewatch/api/monitor_cmd_proxy.h"
 #include "libtidewatch/platform/log.h"
+#include "libtidewatch/transport/hidl_mcp_transmitter.h"
 #include "tests/support/emulator_process.h"
 #include "tests/support/log_capture.h"
 
