@@ -219,6 +219,8 @@ int RunTrapReceiverCommand(const Words& words) {
   printf("MonitorTrapReceiver [%lu%s] was created.\n", args.sessionId, args.serverName);
   fflush(stdout);
   receiver->userData = nullptr;
+  // The drain handler first: a trap printed before it is set would wait for the next one.
+  receiver->drainHandler = MyTrapDrainHandler;
   receiver->trapHandler = MyTrapHandler;
   // Traps are handled on the listener and callback threads; this one only keeps the process up.
   for (;;) sleep(100000);

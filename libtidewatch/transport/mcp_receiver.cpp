@@ -38,16 +38,18 @@ bool MCPReceiver::DataIn(SocketConnection& conn) {
     return false;
   }
   MCPInfo answer;
+  unsigned delivered = 0;
   do {
     if (!IsDefinedType(current.type)) {
       TW_LOGE("MCP_TYPE type IS invalide");
       Empty(current);
       m_pending.erase(&conn);
+      FinishDelivery(delivered);
       return false;
     }
     TW_LOGD("Receive MCP: type:[%d], len:[%zu], data:", static_cast<int>(current.type),
             current.length);
-    Dispatch(answer);
+    Dispatch(answer, delivered);
     if (answer.length != 0) {
       TW_LOGD("Send MCP: type:[%d], len:[%zu], data:", static_cast<int>(answer.type),
               answer.length);
@@ -60,11 +62,13 @@ bool MCPReceiver::DataIn(SocketConnection& conn) {
       if (!written) {
         TW_LOGE("Failed to write socket. (write error)");
         m_pending.erase(&conn);
+        FinishDelivery(delivered);
         return false;
       }
     }
   } while (MCPHandler::ProcessFromBuffer(conn, current, nullptr));
   ParkPending(conn);
+  FinishDelivery(delivered);
   TW_LOGD("MCPReceiver::DataIn done!");
   return true;
 }
@@ -81,7 +85,9 @@ bool MCPReceiver::DataIn(const uint8_t* data, size_t len, DataQueue& replyQueue)
   TW_LOGD("Receive MCP: type:[%d], len:[%zu], data:", static_cast<int>(current.type),
           current.length);
   MCPInfo answer;
-  Dispatch(answer);
+  unsigned delivered = 0;
+  Dispatch(answer, delivered);
+  FinishDelivery(delivered);
   if (answer.length != 0) {
     TW_LOGD("Send MCP: type:[%d], len:[%zu], data:", static_cast<int>(answer.type), answer.length);
     if (!MCPHandler::WriteToBuffer(replyQueue, answer, nullptr)) {
@@ -111,10 +117,20 @@ void MCPReceiver::ParkPending(const SocketConnection& conn) {
   Empty(current);
 }
 
-void MCPReceiver::Dispatch(MCPInfo& answer) {
+void MCPReceiver::Dispatch(MCPInfo& answer, unsigned& delivered) {
   PayloadHandlerInterface* handler = m_handlers[current.type];
-  if (handler != nullptr) handler->ProcessPayload(current, answer);
+  if (handler != nullptr) {
+    handler->ProcessPayload(current, answer);
+    delivered |= 1u << current.type;
+  }
   Empty(current);
+}
+
+void MCPReceiver::FinishDelivery(unsigned delivered) {
+  for (unsigned type = MCP_TYPE_CMD; type <= MCP_TYPE_TRAP; ++type) {
+    PayloadHandlerInterface* handler = m_handlers[type];
+    if ((delivered & (1u << type)) != 0 && handler != nullptr) handler->DeliveryDone();
+  }
 }
 
 }  // namespace libtidewatch

@@ -21,6 +21,11 @@ class PayloadHandlerInterface {
  public:
   virtual ~PayloadHandlerInterface() = default;
   virtual bool ProcessPayload(const MCPInfo& in, MCPInfo& out) = 0;
+  // Called once the packets of one delivery (what the receiver read from a connection in one
+  // go, or one callback's buffer) have all been handed to ProcessPayload, serialised with it, and
+  // only when this handler got at least one of them. A handler that buffers its output flushes
+  // here: nothing more has arrived at that moment.
+  virtual void DeliveryDone() {}
 };
 
 // Takes a self-contained byte buffer (a HAL callback's argument); answers go to `replyQueue`.
@@ -64,7 +69,10 @@ class MCPReceiver : public ConnectionDataInInterface, public BufferDataInInterfa
   void ResumePending(const SocketConnection& conn);
   void ParkPending(const SocketConnection& conn);
   // With m_lock held: hands the whole packet in `current` to its handler, then empties `current`.
-  void Dispatch(MCPInfo& answer);
+  // The handler is noted in `delivered` (a bit per type) for FinishDelivery.
+  void Dispatch(MCPInfo& answer, unsigned& delivered);
+  // With m_lock held: tells each handler noted in `delivered` that its delivery is complete.
+  void FinishDelivery(unsigned delivered);
 
   std::mutex m_lock;
   PayloadHandlerInterface* m_handlers[4] = {};  // indexed by MCP_TYPE; entry 0 unused

@@ -30,6 +30,9 @@ class FrameDecoder {
     bool loaded = false;
     uint64_t offset = 0;  // byte offset inside a message
     uint64_t size = 0;    // byte width
+    // Where the field was first defined among its message's (or trace's) fields, from 0. The maps
+    // are ordered by name; readers that list fields as the file does sort by this.
+    uint32_t order = 0;
   };
   // Field name to where the field sits. The keys (and those of NameMap) point into the decoder's
   // arena, so a copy of a map or record taken out of a decoder must not outlive the decoder.

@@ -82,7 +82,9 @@ bool CollectMemberField(FrameDecoder::FieldMap& members, const char* field, cons
     // The key must outlive the line: copy it where the map itself lives.
     char* copy = static_cast<char*>(members.get_allocator().resource()->allocate(name.size(), 1));
     memcpy(copy, name.data(), name.size());
-    it = members.emplace_hint(it, std::string_view(copy, name.size()), FIELD_INFO());
+    FIELD_INFO fresh;
+    fresh.order = static_cast<uint32_t>(members.size());
+    it = members.emplace_hint(it, std::string_view(copy, name.size()), fresh);
   }
   FIELD_INFO& info = it->second;
   info.offset = offset;

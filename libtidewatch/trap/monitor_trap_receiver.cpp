@@ -78,4 +78,9 @@ bool MonitorTrapReceiver::ProcessPayload(const MCPInfo& in, MCPInfo& /*out*/) {
   return true;
 }
 
+void MonitorTrapReceiver::DeliveryDone() {
+  const TrapDrainHandler handler = drainHandler.load(std::memory_order_acquire);
+  if (handler != nullptr) handler(userData.load(std::memory_order_acquire));
+}
+
 }  // namespace libtidewatch

@@ -22,6 +22,12 @@ namespace libtidewatch {
 using TrapHandler = void (*)(void* context, unsigned int time, TRAP_TYPE type, unsigned long length,
                              const unsigned char* data, unsigned long discardCount);
 
+// Called, on the same thread and serialised with the trap handler, when every trap that had
+// arrived has been handed to the trap handler: after the traps of one read of a connection, or of
+// one callback. A handler that buffers what it makes of traps flushes here, so that a burst goes
+// out in large writes while a lone trap still goes out at once.
+using TrapDrainHandler = void (*)(void* context);
+
 // The socket road is always served; the callback is registered with the AIDL service if it runs
 // now, else with the HIDL one if that runs, else with none (no retry, no death watch). Calls of
 // the handler are serialised by the receiver, whichever road they come by.
@@ -37,11 +43,14 @@ class MonitorTrapReceiver : public PayloadHandlerInterface {
 
   // Parses one trap packet and calls the handler; never answers (`out` stays empty).
   bool ProcessPayload(const MCPInfo& in, MCPInfo& out) override;
+  // Calls the drain handler.
+  void DeliveryDone() override;
 
   // Assigned by the owner at any time, also while traps arrive: null drops packets. Atomic so
   // that the delivering threads see the assignment cleanly.
   std::atomic<TrapHandler> trapHandler{nullptr};
-  std::atomic<void*> userData{nullptr};  // passed as the handler's context
+  std::atomic<TrapDrainHandler> drainHandler{nullptr};  // null: not called
+  std::atomic<void*> userData{nullptr};                 // passed as both handlers' context
 
  private:
   SocketListener m_listener;

@@ -1,4 +1,4 @@
-// The receiver mode's trap printer: its line format, and that each line is out at once.
+// The receiver mode's trap printer: its line format, and that the drain handler puts the lines out.
 #include "cli/trap_printer.h"
 
 #include <fcntl.h>
@@ -29,7 +29,7 @@ class TrapPrinterTest : public ::testing::Test {
     close(fd);
   }
 
-  // Returns what reached the file, without flushing first: the printer must have done that.
+  // Returns what reached the file, without flushing first: the drain handler must have done that.
   std::string StopCapture() {
     std::ifstream in(path_, std::ios::binary);
     std::stringstream text;
@@ -52,6 +52,7 @@ TEST_F(TrapPrinterTest, PrintsTimeSignedTypeAndLength) {
   MyTrapHandler(reinterpret_cast<void*>(1), 4294967295u, static_cast<TRAP_TYPE>(0xFFFF),
                 18446744073709551615ul, nullptr, 0);
   MyTrapHandler(nullptr, 12, libtidewatch::TRAP_TYPE_NONE, 0, nullptr, 0);
+  MyTrapDrainHandler(nullptr);
   EXPECT_EQ(StopCapture(),
             "Receive frame: time = [0] type = [3] len =[3]\n"
             "Receive frame: time = [4294967295] type = [-1] len =[18446744073709551615]\n"

@@ -27,6 +27,24 @@ void MonitorTrapReceiverFixture::Recorder::Handle(void* context, unsigned int ti
   self->m_changed.notify_all();
 }
 
+void MonitorTrapReceiverFixture::Recorder::Drained(void* context) {
+  auto* self = static_cast<Recorder*>(context);
+  std::lock_guard<std::mutex> lock(self->m_mutex);
+  self->m_drains.push_back(self->m_calls.size());
+  self->m_changed.notify_all();
+}
+
+bool MonitorTrapReceiverFixture::Recorder::WaitForDrainAfter(size_t n) {
+  std::unique_lock<std::mutex> lock(m_mutex);
+  return m_changed.wait_for(lock, std::chrono::seconds(5),
+                            [&] { return !m_drains.empty() && m_drains.back() >= n; });
+}
+
+std::vector<size_t> MonitorTrapReceiverFixture::Recorder::Drains() {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_drains;
+}
+
 bool MonitorTrapReceiverFixture::Recorder::WaitForCount(size_t n) {
   std::unique_lock<std::mutex> lock(m_mutex);
   return m_changed.wait_for(lock, std::chrono::seconds(60), [&] { return m_calls.size() >= n; });
@@ -54,6 +72,7 @@ std::unique_ptr<MonitorTrapReceiver> MonitorTrapReceiverFixture::NewReceiver(
     unsigned long sessionId, const char* serverName) {
   auto receiver = std::make_unique<MonitorTrapReceiver>(sessionId, serverName);
   receiver->userData = &recorder;
+  receiver->drainHandler = &Recorder::Drained;
   receiver->trapHandler = &Recorder::Handle;
   return receiver;
 }

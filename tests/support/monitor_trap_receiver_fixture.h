@@ -37,20 +37,26 @@ class MonitorTrapReceiverFixture : public ::testing::Test {
    public:
     static void Handle(void* context, unsigned int time, libtidewatch::TRAP_TYPE type,
                        unsigned long length, const unsigned char* data, unsigned long discardCount);
+    // The drain handler: notes how many calls had arrived when it ran.
+    static void Drained(void* context);
     // Waits (with a generous guard) until `n` calls have arrived.
     bool WaitForCount(size_t n);
+    // Waits up to a few seconds until the drain handler has run after call `n`.
+    bool WaitForDrainAfter(size_t n);
     std::vector<Call> Calls();
+    std::vector<size_t> Drains();
 
    private:
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<Call> m_calls;
+    std::vector<size_t> m_drains;  // the number of calls at each drain
   };
 
   void SetUp() override;
   void TearDown() override;
 
-  // A receiver for `sessionId` whose handler reports to `recorder`.
+  // A receiver for `sessionId` whose handlers report to `recorder`.
   std::unique_ptr<libtidewatch::MonitorTrapReceiver> NewReceiver(unsigned long sessionId,
                                                                  const char* serverName);
   // A client connection kept open until the test ends; -1 when nobody listens at `name`.

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -48,6 +49,14 @@ class FrameDecoderCollectorsTest : public ::testing::Test {
   static void Number(std::ostream& out, const std::string& name, const Decoder::OptionalNumber& n) {
     if (n.set) out << name << ":" << n.value << " ";
   }
+  // A message's or trace's fields in the order the file first defined them.
+  static void Fields(std::ostream& out, const Decoder::FieldMap& fields) {
+    std::vector<const Decoder::FieldMap::value_type*> sorted;
+    for (const auto& f : fields) sorted.push_back(&f);
+    std::sort(sorted.begin(), sorted.end(),
+              [](const auto* a, const auto* b) { return a->second.order < b->second.order; });
+    for (const auto* f : sorted) Info(out, f->first, f->second);
+  }
   static std::string Dump(const Decoder& d) {
     std::ostringstream out;
     Info(out, "traceID", d.m_otaTraceID);
@@ -58,12 +67,12 @@ class FrameDecoderCollectorsTest : public ::testing::Test {
     Number(out, "peerHeader", d.m_peerHeaderSize);
     for (const auto& t : d.m_otaTraces) {
       out << "trace" << t.first << ":" << t.second.name << "@" << t.second.msgOffset << " ";
-      for (const auto& f : t.second.fields) Info(out, f.first, f.second);
+      Fields(out, t.second.fields);
     }
     for (const auto& g : d.m_globalIDs) out << "global" << g.first << ":" << g.second.name << " ";
     for (const auto& m : d.m_msgs) {
       out << "msg" << m.first << ":" << m.second.name << "/" << m.second.peerOffset << " ";
-      for (const auto& f : m.second.fields) Info(out, f.first, f.second);
+      Fields(out, m.second.fields);
     }
     for (const auto& i : d.m_ipTraceIDs) out << "ip" << i.first << ":" << i.second.name << " ";
     for (const auto* names :
@@ -186,6 +195,12 @@ TEST_F(FrameDecoderCollectorsTest, TraceAndMessageLines) {
        {{kMsg, 0, "FOO(13),BAZ,5,6"},
         {true, "", "msg12:FOO/0 BAR:1+2 msg13:FOO/0 BAZ:5+6 FOO=12"}}},
       {{kMsg, 0, "FOO(12),BAR,1,2"}});
+  // Fields list in the order of their first definition, not of their names.
+  Run({{{kMsg, 0, "FOO(12),ABC,3,4"},
+        {true, "", "trace5:T@0 ZED:1+1 msg12:FOO/0 BAR:5+6 ABC:3+4 T=5 FOO=12"}},
+       {{kOTA, 0, "T(5),ABC,3,4"},
+        {true, "", "trace5:T@0 ZED:1+1 ABC:3+4 msg12:FOO/0 BAR:5+6 T=5 FOO=12"}}},
+      {{kMsg, 0, "FOO(12),BAR,1,2"}, {kOTA, 0, "T(5),ZED,1,1"}, {kMsg, 0, "FOO(12),BAR,5,6"}});
 }
 
 TEST_F(FrameDecoderCollectorsTest, SIMAndMappingLines) {

@@ -81,6 +81,15 @@ TEST_F(MonitorTrapReceiverTest, TrapsOverTheSocketReachTheHandler) {
     EXPECT_EQ(calls[i].length, cases[i].length == ~0ul ? cases[i].data.size() : cases[i].length);
     EXPECT_EQ(calls[i].discardCount, cases[i].discardCount);
   }
+  // The drain handler runs after the last trap, and only ever after new traps; a lone trap that
+  // follows gets a drain of its own.
+  ASSERT_TRUE(recorder.WaitForDrainAfter(calls.size()));
+  ASSERT_TRUE(WriteAll(fd, McpPacket(MCP_TYPE_TRAP, TrapRecord(TRAP_TYPE_EM, B("lone")))));
+  ASSERT_TRUE(recorder.WaitForDrainAfter(calls.size() + 1));
+  std::vector<size_t> drains = recorder.Drains();
+  for (size_t i = 1; i < drains.size(); ++i) EXPECT_GT(drains[i], drains[i - 1]);
+  EXPECT_GT(drains.front(), 0u);
+  EXPECT_EQ(drains.back(), calls.size() + 1);
 }
 
 TEST_F(MonitorTrapReceiverTest, PayloadsWithoutHandlerOrBytes) {
