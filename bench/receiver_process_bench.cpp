@@ -24,8 +24,8 @@ namespace {
 
 using tidewatch_bench::Bytes;
 using Clock = std::chrono::steady_clock;
+using libtidewatch::ConnectAbstract;
 using tidewatch_bench::ChildProcess;
-using tidewatch_bench::ConnectAbstract;
 using tidewatch_bench::ScratchDir;
 using tidewatch_bench::TrapStream;
 using tidewatch_bench::WriteAll;

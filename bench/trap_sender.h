@@ -3,10 +3,6 @@
 #pragma once
 
 #include <errno.h>
-#include <stddef.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -14,6 +10,7 @@
 #include <vector>
 
 #include "libtidewatch/api/monitor_types.h"
+#include "libtidewatch/platform/abstract_socket.h"
 #include "libtidewatch/transport/mcp_info.h"
 
 namespace tidewatch_bench {
@@ -42,26 +39,6 @@ inline Bytes TrapStream(size_t trapSize, size_t batchBytes, uint64_t* traps) {
     ++*traps;
   }
   return stream;
-}
-
-// Fills `*addr` with the abstract-namespace address `name` and returns its length.
-inline socklen_t AbstractAddress(const std::string& name, sockaddr_un* addr) {
-  memset(addr, 0, sizeof(*addr));
-  addr->sun_family = AF_UNIX;
-  memcpy(addr->sun_path + 1, name.data(), name.size());
-  return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-}
-
-// A blocking stream socket connected to abstract `name`; -1 when nobody listens there.
-inline int ConnectAbstract(const std::string& name) {
-  sockaddr_un addr;
-  socklen_t len = AbstractAddress(name, &addr);
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
-    close(fd);
-    fd = -1;
-  }
-  return fd;
 }
 
 inline bool WriteAll(int fd, const Bytes& bytes) {

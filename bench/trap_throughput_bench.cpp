@@ -27,9 +27,9 @@
 
 namespace {
 
-using tidewatch_bench::AbstractAddress;
+using libtidewatch::ConnectAbstract;
+using libtidewatch::MakeAbstractAddress;
 using tidewatch_bench::Bytes;
-using tidewatch_bench::ConnectAbstract;
 using tidewatch_bench::TrapStream;
 using tidewatch_bench::WriteAll;
 
@@ -104,7 +104,7 @@ class PlainReader {
  public:
   explicit PlainReader(const std::string& name) : m_buffer(kReadBufferSize) {
     sockaddr_un addr;
-    socklen_t len = AbstractAddress(name, &addr);
+    socklen_t len = MakeAbstractAddress(name, &addr);
     m_server = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
     if (bind(m_server, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(m_server, 4) != 0) {
       close(m_server);

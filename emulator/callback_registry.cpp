@@ -11,7 +11,12 @@
 
 #include "libtidewatch/platform/log.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::AppendHalLinkFrame;
+using libtidewatch::HalLinkFrame;
+using libtidewatch::kHalLinkTrap;
+using libtidewatch::kHalLinkTrapResult;
 namespace {
 
 // Waits are cut into slices so that a stop request is seen soon.
@@ -164,4 +169,4 @@ void CallbackRegistry::Clear() {
   m_callbacks.clear();
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "libtidewatch/platform/host/hal_link.h"
+#include "libtidewatch/platform/hal_link.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 class CallbackRegistry {
  public:
@@ -52,7 +52,7 @@ class CallbackRegistry {
     explicit Callback(int fd) : fd(fd) {}
     ~Callback();
     const int fd;
-    HalLinkDecoder decoder;
+    libtidewatch::HalLinkDecoder decoder;
   };
 
   bool SendFrame(const Callback& cb, const std::vector<uint8_t>& frame, int64_t deadlineMs,
@@ -66,4 +66,4 @@ class CallbackRegistry {
   std::map<std::string, std::shared_ptr<Callback>> m_callbacks;
 };
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -7,7 +7,15 @@
 #include "emulator/result_codes.h"
 #include "libtidewatch/platform/log.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::MONITOR_DEBUG_LEVEL_DISABLE;
+using libtidewatch::MONITOR_DEBUG_LEVEL_ERROR;
+using libtidewatch::MONITOR_DEBUG_LEVEL_RAW_DATA_DUMPER;
+using libtidewatch::MONITOR_SESSION_STATUS;
+using libtidewatch::StrToTrapType;
+using libtidewatch::TRAP_TYPE;
+using libtidewatch::TRAP_TYPE_NONE;
 namespace {
 
 constexpr uint64_t kCommandVersion = 1;
@@ -296,4 +304,4 @@ int CommandProcessor::SetDebugLevel(const Json::Value& request, Json::Value*) {
 
 int CommandProcessor::Unsupported(const Json::Value&, Json::Value*) { return kRetUnsupported; }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

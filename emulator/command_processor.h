@@ -13,7 +13,7 @@
 
 #include "emulator/session_table.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 struct ServiceSecrets {
   std::string manager = "TidewatchManagerAccess";
@@ -61,12 +61,12 @@ class CommandProcessor {
   // Shared argument reading of the commands that address one session and may name a doer.
   int ReadTarget(const Json::Value& request, uint64_t* doerId, uint64_t* sessionId);
   int ReadSubscription(const Json::Value& request, uint64_t* doerId, uint64_t* sessionId,
-                       TRAP_TYPE* type, uint64_t* msgId);
+                       libtidewatch::TRAP_TYPE* type, uint64_t* msgId);
 
   SessionTable* m_sessions;
   ServiceSecrets m_secrets;
-  int m_debugLevel = MONITOR_DEBUG_LEVEL_ERROR;
+  int m_debugLevel = libtidewatch::MONITOR_DEBUG_LEVEL_ERROR;
   DebugLevelHook m_debugLevelHook;
 };
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

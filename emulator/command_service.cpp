@@ -7,7 +7,11 @@
 #include "libtidewatch/transport/mcp_handler.h"
 #include "libtidewatch/transport/mcp_info.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::MCP_TYPE_CMD;
+using libtidewatch::MCPHandler;
+using libtidewatch::MCPInfo;
 namespace {
 
 // Request bytes as one printable line: other bytes show as '.', except the terminating NUL and the
@@ -52,4 +56,4 @@ CommandAnswer CommandService::Handle(const uint8_t* request, size_t len) {
   return answer;
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -9,7 +9,7 @@
 #include "emulator/command_processor.h"
 #include "emulator/reply_encoder.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 class CommandService {
  public:
@@ -24,4 +24,4 @@ class CommandService {
   bool m_verbose;
 };
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

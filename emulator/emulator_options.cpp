@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace libtidewatch {
+namespace hal_emulator {
 namespace {
 
 // A decimal number from min to max, nothing else.
@@ -154,4 +154,4 @@ std::string EmulatorUsage() {
          "  --help                      this text\n";
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -12,13 +12,13 @@
 #include "emulator/trap_records.h"
 #include "libtidewatch/transport/mcp_info.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 // The largest synthetic trap payload: with its record header and a full discard-info record the
 // raw trap data still fits the 65,581 bytes a receiver parses.
 constexpr size_t kMaxTrapSize = 65581 - kTrapRecordHeaderSize - kMaxDiscardRecordSize;
 // The largest replayed record: with a full discard-info record it still fits one MCP packet.
-constexpr size_t kMaxReplayRecord = kMcpMaxPayload - kMaxDiscardRecordSize;
+constexpr size_t kMaxReplayRecord = libtidewatch::kMcpMaxPayload - kMaxDiscardRecordSize;
 // Replay needs a pace; this one applies when none is given.
 constexpr unsigned kDefaultReplayRate = 10;
 
@@ -47,4 +47,4 @@ bool ParseEmulatorOptions(int argc, const char* const* argv, EmulatorOptions* op
 // The usage text, one option per line.
 std::string EmulatorUsage();
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -8,10 +8,21 @@
 #include <cstring>
 
 #include "emulator/send_pending.h"
-#include "libtidewatch/platform/host/abstract_socket.h"
+#include "libtidewatch/platform/abstract_socket.h"
 #include "libtidewatch/platform/log.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::AppendHalLinkFrame;
+using libtidewatch::HalEndpointName;
+using libtidewatch::HalGeneration;
+using libtidewatch::HalLinkFrame;
+using libtidewatch::kHalLinkCommand;
+using libtidewatch::kHalLinkCommandResult;
+using libtidewatch::kHalLinkRegisterResult;
+using libtidewatch::kHalLinkRegisterTrapCallback;
+using libtidewatch::kHalLinkStatusOk;
+using libtidewatch::ListenAbstract;
 namespace {
 
 constexpr int kBacklog = 16;
@@ -203,4 +214,4 @@ bool LinkServer::Run(int stopFd) {
   }
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

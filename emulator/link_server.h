@@ -14,10 +14,10 @@
 
 #include "emulator/callback_registry.h"
 #include "emulator/command_service.h"
+#include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/platform/hal_service.h"
-#include "libtidewatch/platform/host/hal_link.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 class LinkServer {
  public:
@@ -29,7 +29,7 @@ class LinkServer {
 
   // Publishes the endpoint of `generation` under the current socket prefix; false (with a log
   // line) when the name is taken or the socket cannot be made.
-  bool Listen(HalGeneration generation);
+  bool Listen(libtidewatch::HalGeneration generation);
 
   // Serves until `stopFd` becomes readable (or the loop fails); returns false on failure.
   bool Run(int stopFd);
@@ -40,7 +40,7 @@ class LinkServer {
   struct Client {
     explicit Client(int fd) : fd(fd) {}
     int fd;
-    HalLinkDecoder decoder;
+    libtidewatch::HalLinkDecoder decoder;
     std::vector<uint8_t> out;  // bytes of answers not yet written
     size_t outPos = 0;
   };
@@ -60,4 +60,4 @@ class LinkServer {
   std::vector<std::unique_ptr<Client>> m_clients;
 };
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -45,7 +45,9 @@ bool InstallSignals() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  using namespace libtidewatch;
+  using namespace hal_emulator;
+  using libtidewatch::HalGeneration;
+  using libtidewatch::SetLogThreshold;
   EmulatorOptions options;
   std::string error;
   if (!ParseEmulatorOptions(argc, argv, &options, &error)) {

@@ -4,7 +4,15 @@
 #include "libtidewatch/transport/mcp_handler.h"
 #include "libtidewatch/transport/mcp_info.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::DataQueue;
+using libtidewatch::kMcpMaxPayload;
+using libtidewatch::MCP_TYPE;
+using libtidewatch::MCP_TYPE_REPLY;
+using libtidewatch::MCP_TYPE_TRAP;
+using libtidewatch::MCPHandler;
+using libtidewatch::MCPInfo;
 namespace {
 
 struct FaultName {
@@ -129,4 +137,4 @@ CommandAnswer ReplyEncoder::Encode(Json::Value reply, std::string* text) {
   return answer;
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -12,7 +12,7 @@
 
 #include "libtidewatch/transport/data_queue.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 enum class ReplyFault {
   kNone,
@@ -50,10 +50,10 @@ class ReplyEncoder {
 
  private:
   ReplyFault m_fault;
-  std::unique_ptr<DataQueue> m_queue;  // 256 KiB: kept on the heap, and only once
+  std::unique_ptr<libtidewatch::DataQueue> m_queue;  // 256 KiB: kept on the heap, and only once
 };
 
 // Writes `value` compactly (no white space, no line feed).
 std::string WriteCompactJson(const Json::Value& value);
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

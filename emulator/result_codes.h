@@ -3,7 +3,7 @@
 // left unused to keep the two sources apart. emulator/README.md documents them for users.
 #pragma once
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 enum EmulatorRet : int {
   kRetOk = 0,
@@ -22,4 +22,4 @@ enum EmulatorRet : int {
   kRetInternal = 15,           // the reply could not be built
 };
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -3,7 +3,7 @@
 #include <errno.h>
 #include <sys/socket.h>
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 bool SendPending(int fd, std::vector<uint8_t>* pending, size_t* pos) {
   while (*pos < pending->size()) {
@@ -23,4 +23,4 @@ bool SendPending(int fd, std::vector<uint8_t>* pending, size_t* pos) {
   return true;
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

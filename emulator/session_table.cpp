@@ -4,7 +4,13 @@
 
 #include "emulator/result_codes.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::MONITOR_SESSION_STATUS;
+using libtidewatch::TRAP_TYPE;
+using libtidewatch::TRAP_TYPE_ICD_EVENT;
+using libtidewatch::TRAP_TYPE_NUM;
+using libtidewatch::TRAP_TYPE_OTA;
 namespace {
 
 bool Subscribable(TRAP_TYPE type) { return type >= TRAP_TYPE_OTA && type <= TRAP_TYPE_ICD_EVENT; }
@@ -163,4 +169,4 @@ size_t SessionTable::Size() const {
   return m_sessions.size();
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

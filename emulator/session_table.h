@@ -15,7 +15,7 @@
 
 #include "libtidewatch/api/monitor_types.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 enum class SessionLevel { kGuest = 0, kManager = 1, kRoot = 2 };
 
@@ -29,7 +29,7 @@ struct DeliveringSession {
   uint64_t id = 0;
   std::string destination;
   // Every subscription, by trap type value and then in the order they were made.
-  std::vector<std::pair<TRAP_TYPE, uint64_t>> subscriptions;
+  std::vector<std::pair<libtidewatch::TRAP_TYPE, uint64_t>> subscriptions;
 };
 
 class SessionTable {
@@ -41,11 +41,12 @@ class SessionTable {
 
   // The commands that address one session. A `doerId` of 0 means the session acts on itself.
   int Close(uint64_t doerId, uint64_t sessionId);
-  int Subscribe(uint64_t doerId, uint64_t sessionId, TRAP_TYPE type, uint64_t msgId);
-  int Unsubscribe(uint64_t doerId, uint64_t sessionId, TRAP_TYPE type, uint64_t msgId);
+  int Subscribe(uint64_t doerId, uint64_t sessionId, libtidewatch::TRAP_TYPE type, uint64_t msgId);
+  int Unsubscribe(uint64_t doerId, uint64_t sessionId, libtidewatch::TRAP_TYPE type,
+                  uint64_t msgId);
   int SetTrapEnabled(uint64_t doerId, uint64_t sessionId, bool enabled);
   int SetReceiver(uint64_t doerId, uint64_t sessionId, const std::string& destination);
-  int Get(uint64_t doerId, uint64_t sessionId, MONITOR_SESSION_STATUS* status);
+  int Get(uint64_t doerId, uint64_t sessionId, libtidewatch::MONITOR_SESSION_STATUS* status);
 
   // The ids the doer may act on, ascending. The doer must exist.
   int List(uint64_t doerId, std::vector<uint64_t>* ids);
@@ -61,7 +62,7 @@ class SessionTable {
     SessionLevel level = SessionLevel::kGuest;
     bool trapEnabled = false;
     std::string destination;
-    std::vector<uint64_t> subscribed[TRAP_TYPE_NUM];
+    std::vector<uint64_t> subscribed[libtidewatch::TRAP_TYPE_NUM];
     size_t subscriptionCount = 0;
   };
 
@@ -71,7 +72,7 @@ class SessionTable {
   // Checks the type and the doer rules, then runs `change` on the target's ids of that type with
   // the table locked; its answer is the command's.
   using SubscriptionChange = std::function<int(Session&, std::vector<uint64_t>&)>;
-  int ChangeSubscriptions(uint64_t doerId, uint64_t sessionId, TRAP_TYPE type,
+  int ChangeSubscriptions(uint64_t doerId, uint64_t sessionId, libtidewatch::TRAP_TYPE type,
                           const SubscriptionChange& change);
 
   mutable std::mutex m_mutex;
@@ -81,4 +82,4 @@ class SessionTable {
   std::map<uint64_t, Session> m_sessions;
 };
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

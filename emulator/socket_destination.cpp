@@ -8,10 +8,12 @@
 #include <utility>
 
 #include "emulator/send_pending.h"
-#include "libtidewatch/platform/host/abstract_socket.h"
+#include "libtidewatch/platform/abstract_socket.h"
 #include "libtidewatch/platform/log.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::MakeAbstractAddress;
 
 SocketDestination::SocketDestination(std::string name) : m_name(std::move(name)) {}
 
@@ -66,4 +68,4 @@ bool SocketDestination::Deliver(const uint8_t* packet, size_t len) {
   return false;
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 class SocketDestination {
  public:
@@ -38,4 +38,4 @@ class SocketDestination {
   size_t m_pendingPos = 0;
 };
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

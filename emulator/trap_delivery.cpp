@@ -9,7 +9,13 @@
 #include "libtidewatch/transport/mcp_handler.h"
 #include "libtidewatch/transport/mcp_info.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::DataQueue;
+using libtidewatch::kMcpMaxPayload;
+using libtidewatch::MCP_TYPE_TRAP;
+using libtidewatch::MCPHandler;
+using libtidewatch::MCPInfo;
 namespace {
 
 // How often callbacks are checked for clients that went away while no traps flow.
@@ -118,4 +124,4 @@ void TrapDelivery::ForgetUnused(const std::vector<DeliveringSession>& receiving)
   m_source.Retain(receiving);
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

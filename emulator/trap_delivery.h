@@ -21,7 +21,7 @@
 #include "emulator/trap_source.h"
 #include "libtidewatch/transport/data_queue.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 class TrapDelivery {
  public:
@@ -53,7 +53,7 @@ class TrapDelivery {
   unsigned m_rate;
   std::map<std::string, std::unique_ptr<SocketDestination>> m_sockets;
   std::map<std::string, DiscardCounter> m_discards;
-  std::unique_ptr<DataQueue> m_queue;
+  std::unique_ptr<libtidewatch::DataQueue> m_queue;
 
   std::atomic<bool> m_stop{false};
   std::mutex m_mutex;
@@ -61,4 +61,4 @@ class TrapDelivery {
   std::thread m_thread;
 };
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

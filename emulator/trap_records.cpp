@@ -3,7 +3,10 @@
 #include <cstdio>
 #include <limits>
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::TRAP_TYPE_DISCARD_INFO;
+using libtidewatch::TRAP_TYPE_NUM;
 namespace {
 
 constexpr size_t kMaxReplayFile = 64u * 1024u * 1024u;
@@ -120,4 +123,4 @@ bool LoadTrapReplay(const std::string& path, size_t maxRecord, std::vector<Repla
   return true;
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -16,12 +16,13 @@
 
 #include "libtidewatch/api/monitor_types.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 constexpr size_t kTrapRecordHeaderSize = 5;
 constexpr size_t kDiscardEntrySize = 5;
 // The largest discard-info record: one entry per trap type value.
-constexpr size_t kMaxDiscardRecordSize = kTrapRecordHeaderSize + TRAP_TYPE_NUM * kDiscardEntrySize;
+constexpr size_t kMaxDiscardRecordSize =
+    kTrapRecordHeaderSize + libtidewatch::TRAP_TYPE_NUM * kDiscardEntrySize;
 
 // Appends one trap record.
 void AppendTrapRecord(uint8_t type, const uint8_t* payload, size_t len, std::vector<uint8_t>* out);
@@ -38,10 +39,12 @@ class DiscardCounter {
   // Appends the discard-info record of the non-zero counts (nothing when all are zero).
   void AppendRecord(std::vector<uint8_t>* out) const;
   void Reset() { m_counts.fill(0); }
-  uint32_t Get(uint8_t type) const { return type < TRAP_TYPE_NUM ? m_counts[type] : 0; }
+  uint32_t Get(uint8_t type) const {
+    return type < libtidewatch::TRAP_TYPE_NUM ? m_counts[type] : 0;
+  }
 
  private:
-  std::array<uint32_t, TRAP_TYPE_NUM> m_counts{};
+  std::array<uint32_t, libtidewatch::TRAP_TYPE_NUM> m_counts{};
 };
 
 // One record read from a replay file, kept whole (header included).
@@ -58,4 +61,4 @@ bool ParseTrapRecords(const uint8_t* data, size_t len, size_t maxRecord,
 bool LoadTrapReplay(const std::string& path, size_t maxRecord, std::vector<ReplayRecord>* records,
                     std::string* error);
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

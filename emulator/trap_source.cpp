@@ -3,7 +3,7 @@
 #include <set>
 #include <utility>
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 TrapSource::TrapSource(size_t payloadSize) : m_replay(false), m_payloadSize(payloadSize) {}
 
@@ -37,4 +37,4 @@ void TrapSource::Retain(const std::vector<DeliveringSession>& receiving) {
   }
 }
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

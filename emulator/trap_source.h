@@ -10,7 +10,7 @@
 #include "emulator/session_table.h"
 #include "emulator/trap_records.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 
 class TrapSource {
  public:
@@ -34,4 +34,4 @@ class TrapSource {
   std::map<uint64_t, uint64_t> m_position;  // session id -> traps sent so far
 };
 
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -19,13 +19,21 @@
 #include "emulator/reply_encoder.h"
 #include "emulator/session_table.h"
 #include "fuzz/fuzz_check.h"
-#include "libtidewatch/platform/host/hal_link.h"
+#include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/transport/data_queue.h"
 #include "libtidewatch/transport/mcp_handler.h"
 #include "libtidewatch/transport/mcp_info.h"
 
 namespace libtidewatch {
 namespace {
+
+using hal_emulator::CommandAnswer;
+using hal_emulator::CommandProcessor;
+using hal_emulator::CommandService;
+using hal_emulator::ReplyFault;
+using hal_emulator::ServiceSecrets;
+using hal_emulator::SessionLimits;
+using hal_emulator::SessionTable;
 
 constexpr uint8_t kWrappedJson = 0x11;
 constexpr size_t kMaxCommands = 64;

@@ -13,12 +13,12 @@
 
 #include <vector>
 
+#include "libtidewatch/platform/abstract_socket.h"
 #include "libtidewatch/platform/log.h"
 
 namespace libtidewatch {
 namespace {
 
-constexpr size_t kMaxNameLength = 107;  // sun_path minus the leading NUL of the abstract namespace
 constexpr int kBacklog = 4;
 
 }  // namespace
@@ -62,12 +62,7 @@ bool SocketListener::SetupDomainSocket(const char* name) {
   TW_LOGD("Domain sockect was created. fd = [%d]", fd);
 
   sockaddr_un addr;
-  memset(&addr, 0, sizeof(addr));
-  addr.sun_family = AF_UNIX;
-  const size_t nameLength = strnlen(name, kMaxNameLength);
-  memcpy(addr.sun_path + 1, name, nameLength);  // sun_path[0] stays 0: abstract namespace
-  const socklen_t addrLength =
-      static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + nameLength);
+  const socklen_t addrLength = MakeAbstractAddress(name, &addr);
   if (bind(fd, reinterpret_cast<const sockaddr*>(&addr), addrLength) != 0) {
     int err = errno;
     TW_LOGE("Failed to bind domain socket to [%s]. err = [%s](%d)", name, strerror(err), err);

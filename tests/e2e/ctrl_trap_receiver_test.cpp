@@ -29,7 +29,7 @@ class CtrlTrapReceiverTest : public ::testing::Test {
   // Connects to the receiver's socket, retrying while the receiver may still be binding it.
   static int Connect(const std::string& name) {
     for (int attempt = 0; attempt < 200; ++attempt) {
-      int fd = tidewatch_test::ConnectAbstractName(name);
+      int fd = libtidewatch::ConnectAbstract(name);
       if (fd >= 0) return fd;
       usleep(50 * 1000);
     }

@@ -8,7 +8,7 @@
 #include "emulator/reply_encoder.h"
 #include "emulator/result_codes.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
 namespace {
 
 class CommandProcessorTest : public testing::Test {
@@ -165,4 +165,4 @@ TEST_F(CommandProcessorTest, DeepNestingIsRefusedNotThrown) {
 }
 
 }  // namespace
-}  // namespace libtidewatch
+}  // namespace hal_emulator

@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "libtidewatch/platform/host/abstract_socket.h"
-#include "libtidewatch/platform/host/hal_link.h"
+#include "libtidewatch/platform/abstract_socket.h"
+#include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/transport/data_queue.h"
 #include "libtidewatch/transport/mcp_handler.h"
 #include "libtidewatch/trap/trap_packer.h"

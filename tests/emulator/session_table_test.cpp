@@ -7,7 +7,15 @@
 
 #include "emulator/result_codes.h"
 
-namespace libtidewatch {
+namespace hal_emulator {
+
+using libtidewatch::MONITOR_SESSION_STATUS;
+using libtidewatch::TRAP_TYPE;
+using libtidewatch::TRAP_TYPE_DISCARD_INFO;
+using libtidewatch::TRAP_TYPE_EM;
+using libtidewatch::TRAP_TYPE_IP;
+using libtidewatch::TRAP_TYPE_OTA;
+using libtidewatch::TRAP_TYPE_VOLTE;
 namespace {
 
 class SessionTableTest : public testing::Test {
@@ -147,4 +155,4 @@ TEST_F(SessionTableTest, OnlyCompleteSessionsReceiveTraps) {
 }
 
 }  // namespace
-}  // namespace libtidewatch
+}  // namespace hal_emulator

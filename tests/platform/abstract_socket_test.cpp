@@ -1,4 +1,4 @@
-#include "libtidewatch/platform/host/abstract_socket.h"
+#include "libtidewatch/platform/abstract_socket.h"
 
 #include <errno.h>
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-#include "libtidewatch/platform/host/hal_link.h"
+#include "libtidewatch/platform/hal_link.h"
 
 #include <gtest/gtest.h>
 #include <stdlib.h>

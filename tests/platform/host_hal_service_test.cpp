@@ -11,9 +11,9 @@
 #include <thread>
 #include <vector>
 
+#include "libtidewatch/platform/abstract_socket.h"
+#include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/platform/hal_service.h"
-#include "libtidewatch/platform/host/abstract_socket.h"
-#include "libtidewatch/platform/host/hal_link.h"
 
 namespace libtidewatch {
 namespace {

@@ -24,23 +24,6 @@ std::string UniqueSocketName(const char* suffix) {
   return name + "." + std::to_string(getpid()) + suffix;
 }
 
-int ConnectAbstractName(const std::string& name) {
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return -1;
-  sockaddr_un addr;
-  memset(&addr, 0, sizeof(addr));
-  addr.sun_family = AF_UNIX;
-  size_t n = name.size() < sizeof(addr.sun_path) - 1 ? name.size() : sizeof(addr.sun_path) - 1;
-  memcpy(addr.sun_path + 1, name.data(), n);
-  socklen_t len = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + n);
-  while (connect(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0) {
-    if (errno == EINTR) continue;
-    close(fd);
-    return -1;
-  }
-  return fd;
-}
-
 bool WriteAll(int fd, const uint8_t* bytes, size_t len) {
   while (len > 0) {
     ssize_t n = send(fd, bytes, len, MSG_NOSIGNAL);

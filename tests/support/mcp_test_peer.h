@@ -1,5 +1,5 @@
-// Helpers for tests of the receiving side: a peer that connects to an abstract-namespace socket and
-// writes MCP packets and trap records in their wire form.
+// Helpers for tests of the receiving side: a peer that connects to an abstract-namespace socket
+// (with the platform's ConnectAbstract) and writes MCP packets and trap records in their wire form.
 #pragma once
 
 #include <cstddef>
@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "libtidewatch/platform/abstract_socket.h"
 #include "libtidewatch/transport/mcp_info.h"
 
 namespace tidewatch_test {
@@ -15,9 +16,6 @@ using Bytes = std::vector<uint8_t>;
 
 // A name unique to the running test and process, for sockets that must not meet another test's.
 std::string UniqueSocketName(const char* suffix = "");
-
-// A blocking stream socket connected to abstract `name`; -1 when nobody listens there.
-int ConnectAbstractName(const std::string& name);
 
 // Writes all of `bytes`; false on any error.
 bool WriteAll(int fd, const uint8_t* bytes, size_t len);

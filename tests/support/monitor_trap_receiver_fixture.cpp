@@ -78,14 +78,14 @@ std::unique_ptr<MonitorTrapReceiver> MonitorTrapReceiverFixture::NewReceiver(
 }
 
 int MonitorTrapReceiverFixture::Connect(const std::string& name) {
-  int fd = ConnectAbstractName(name);
+  int fd = libtidewatch::ConnectAbstract(name);
   if (fd >= 0) m_fds.push_back(fd);
   return fd;
 }
 
 void MonitorTrapReceiverFixture::ExpectTrapArrives(const std::string& name, const std::string& text,
                                                    size_t n) {
-  int fd = ConnectAbstractName(name);
+  int fd = libtidewatch::ConnectAbstract(name);
   ASSERT_GE(fd, 0);
   const Bytes payload(text.begin(), text.end());
   ASSERT_TRUE(WriteAll(

@@ -25,7 +25,6 @@ namespace {
 
 using tidewatch_test::Bytes;
 using tidewatch_test::Concat;
-using tidewatch_test::ConnectAbstractName;
 using tidewatch_test::LogCapture;
 using tidewatch_test::McpPacket;
 using tidewatch_test::UniqueSocketName;
@@ -266,7 +265,7 @@ TEST_F(McpReceiverTest, BothRoadsAtOnceAreSerialised) {
   }
   for (int c = 0; c < kSocketClients; ++c) {
     senders.emplace_back([&, c] {
-      int fd = ConnectAbstractName(name);
+      int fd = ConnectAbstract(name);
       ASSERT_GE(fd, 0);
       for (int i = 0; i < kPerSender; ++i) {
         EXPECT_TRUE(WriteAll(

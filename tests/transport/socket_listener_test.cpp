@@ -21,7 +21,6 @@
 namespace libtidewatch {
 namespace {
 
-using tidewatch_test::ConnectAbstractName;
 using tidewatch_test::LogCapture;
 using tidewatch_test::UniqueSocketName;
 using tidewatch_test::WriteAll;
@@ -67,7 +66,7 @@ class SocketListenerTest : public ::testing::Test {
     for (int fd : m_fds) close(fd);
   }
   int Connect(const std::string& name) {
-    int fd = ConnectAbstractName(name);
+    int fd = ConnectAbstract(name);
     if (fd >= 0) m_fds.push_back(fd);
     return fd;
   }
@@ -86,7 +85,7 @@ TEST_F(SocketListenerTest, ServesAClientAndRemovesItAfterItCloses) {
     RecordingHandler recorder;
     SocketListener listener(name.c_str());
     if (withHandler) listener.SetHandler(&recorder);
-    int fd = ConnectAbstractName(name);
+    int fd = ConnectAbstract(name);
     ASSERT_GE(fd, 0);
     ASSERT_TRUE(log.WaitForText("Accept a client."));
     int accepted = -1;

@@ -19,7 +19,6 @@ namespace {
 
 using tidewatch_test::Bytes;
 using tidewatch_test::Concat;
-using tidewatch_test::ConnectAbstractName;
 using tidewatch_test::DiscardRecord;
 using tidewatch_test::LogCapture;
 using tidewatch_test::McpPacket;
@@ -160,7 +159,7 @@ TEST_F(MonitorTrapReceiverTest, HostilePeersDoNotStopTheService) {
   ExpectTrapArrives(name, "after a silent client", ++expected);
 
   // A client that closes in the middle of a packet.
-  int quitter = ConnectAbstractName(name);
+  int quitter = ConnectAbstract(name);
   ASSERT_GE(quitter, 0);
   const Bytes half = McpPacket(MCP_TYPE_TRAP, TrapRecord(TRAP_TYPE_EM, B("never whole")));
   ASSERT_TRUE(WriteAll(quitter, half.data(), half.size() / 2));
@@ -168,7 +167,7 @@ TEST_F(MonitorTrapReceiverTest, HostilePeersDoNotStopTheService) {
   ExpectTrapArrives(name, "after a quitter", ++expected);
 
   for (int i = 0; i < 10000; ++i) {
-    int brief = ConnectAbstractName(name);
+    int brief = ConnectAbstract(name);
     ASSERT_GE(brief, 0) << "cycle " << i;
     close(brief);
   }
@@ -197,7 +196,7 @@ TEST_F(MonitorTrapReceiverTest, ConnectionsBeyondTheSelectLimitAreRefused) {
   auto receiver = NewReceiver(11, m_serverName.c_str());
   std::vector<int> clients;
   for (int i = 0; i < kClients; ++i) {
-    int fd = ConnectAbstractName(name);
+    int fd = ConnectAbstract(name);
     ASSERT_GE(fd, 0) << "client " << i;
     clients.push_back(fd);
   }

@@ -8,8 +8,8 @@
 #include <cstring>
 #include <thread>
 
-#include "libtidewatch/platform/host/abstract_socket.h"
-#include "libtidewatch/platform/host/hal_link.h"
+#include "libtidewatch/platform/abstract_socket.h"
+#include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/platform/host/host_death_watch.h"
 #include "libtidewatch/platform/host/host_hal_service.h"
 #include "libtidewatch/platform/log.h"

@@ -5,7 +5,7 @@
 
 #include <utility>
 
-#include "libtidewatch/platform/host/hal_link.h"
+#include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/platform/host/host_trap_reader.h"
 #include "libtidewatch/platform/log.h"
 

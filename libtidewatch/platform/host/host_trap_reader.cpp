@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-#include "libtidewatch/platform/host/hal_link.h"
+#include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/platform/log.h"
 
 namespace libtidewatch {

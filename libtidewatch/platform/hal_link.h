@@ -1,5 +1,7 @@
 // The host HAL link: the frame format spoken between the library and the service process over a
-// Unix stream socket, with an incremental decoder and blocking frame I/O shared by both sides.
+// Unix stream socket, with an incremental decoder and blocking frame I/O. It sits outside host/ so
+// that the host half of the seam and the service emulator share one codec without the emulator
+// reaching into the seam's internals.
 //
 // Every message, both ways, is one frame:
 //

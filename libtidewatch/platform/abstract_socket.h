@@ -1,5 +1,6 @@
-// Unix stream sockets in the abstract namespace (Linux): the host HAL service endpoints live there,
-// so both the library and the service process connect and listen through these helpers.
+// Unix stream sockets in the abstract namespace (Linux): the trap receiver's socket and the host
+// HAL service endpoints live there, so every side that names, binds or connects one goes through
+// here.
 #pragma once
 
 #include <sys/socket.h>

@@ -1,5 +1,5 @@
-// Abstract-namespace Unix stream sockets for the host HAL link.
-#include "libtidewatch/platform/host/abstract_socket.h"
+// Abstract-namespace Unix stream sockets: one way to spell the address, for every side.
+#include "libtidewatch/platform/abstract_socket.h"
 
 #include <errno.h>
 #include <unistd.h>

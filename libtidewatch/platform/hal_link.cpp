@@ -1,5 +1,5 @@
 // The host HAL link frame codec and blocking frame I/O.
-#include "libtidewatch/platform/host/hal_link.h"
+#include "libtidewatch/platform/hal_link.h"
 
 #include <errno.h>
 #include <sys/socket.h>
