@@ -134,6 +134,25 @@ def layout_seeds():
     }
 
 
+def decoder_seeds():
+    """The repository's sample layout, a NUL, then a payload laid out by it."""
+    with open(os.path.join(os.path.dirname(ROOT), "..", "resources", "twd_layout_desc.dat"),
+              "rb") as f:
+        sample = f.read()
+    mib = struct.pack("<IIBBHH", 7, 1, 0, 0, 1000, 3) + bytes([0x58, 0x40, 0x00])
+    cell = struct.pack("<IHBBIHhhh", 7, 2000, 0, 0, 1850, 301, -95, -10, 12)
+    neighbours = struct.pack("<IHBBBxxxIxxxxHxx", 7, 2001, 1, 0, 2, 0, 2) + bytes(8) + \
+        struct.pack("<HH", 11, 12)
+    return {
+        "ota-mib": sample + b"\0" + mib,
+        "ota-cut": sample + b"\0" + mib[:-2],
+        "em-cell": sample + b"\0" + cell,
+        "em-peers": sample + b"\0" + neighbours,
+        "small-layout": LAYOUT.encode() + b"\0" + cell,
+        "no-payload": sample,
+    }
+
+
 def reply(api, method, ret, data=None, version="1"):
     text = '{"api":"%s","method":"%s","version":%s,"ret":%s' % (api, method, version, ret)
     if data is not None:
@@ -230,6 +249,7 @@ def main():
     write("mcp_oneshot_fuzzer", mcp_seeds())
     write("trap_packet_fuzzer", trap_seeds())
     write("layout_file_fuzzer", layout_seeds())
+    write("trap_decoder_fuzzer", decoder_seeds())
     write("reply_check_fuzzer", reply_seeds())
     write("hal_link_fuzzer", link_seeds())
     write("cli_args_fuzzer", cli_seeds())

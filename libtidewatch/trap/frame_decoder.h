@@ -50,10 +50,16 @@ class FrameDecoder {
     using allocator_type = FrameDecoder::allocator_type;
     explicit FIELD_EM(const allocator_type& alloc = {}) : name(alloc), fields(alloc) {}
     FIELD_EM(const FIELD_EM& other, const allocator_type& alloc = {})
-        : name(other.name, alloc), fields(other.fields, alloc), peerOffset(other.peerOffset) {}
+        : name(other.name, alloc),
+          fields(other.fields, alloc),
+          peerOffset(other.peerOffset),
+          peerHeader(other.peerHeader) {}
     std::pmr::string name;
     FieldMap fields;
     int32_t peerOffset = 0;
+    // The peer offset came from PEER_INFO: the peers follow a header of MSG_PEER_HEADER_SIZE
+    // bytes. From PEER_INFO_WITHOUT_HEADER they start at the offset itself.
+    bool peerHeader = false;
   };
   struct FIELD_OTA {
     using allocator_type = FrameDecoder::allocator_type;

@@ -162,6 +162,7 @@ bool FrameDecoder::CollectPeerInfo(char** fields, size_t count, FrameDecoder* de
   if (strcmp(fields[1], "PEER_OFFSET") == 0) {
     // Deliberately unchecked: an unreadable offset reads as 0, as it always has.
     message.peerOffset = static_cast<int32_t>(strtol(fields[2], nullptr, 10));
+    message.peerHeader = withHeaderSize;
   }
   return true;
 }

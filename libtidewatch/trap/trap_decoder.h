@@ -72,6 +72,54 @@ class TrapDecoder {
   // Decodes `length` bytes of payload of a trap of `type` into `out`. Never reads outside
   // [payload, payload + length), whatever the payload or the layout says.
   void Decode(TRAP_TYPE type, const uint8_t* payload, size_t length, DecodedTrap* out) const;
+
+ private:
+  // Where a number sits. A width of 0 marks a number the layout does not place or gives a width
+  // that cannot be read (0, or more than 8 bytes): it is never read.
+  struct Slot {
+    uint64_t offset = 0;
+    uint64_t size = 0;
+  };
+  struct NamedSlot {
+    std::string_view name;
+    Slot slot;
+  };
+  struct Trace {
+    std::string_view name;
+    Slot globalId;
+    Slot pduLength;
+    uint64_t msgOffset = 0;
+  };
+  struct Message {
+    std::string_view name;
+    uint32_t firstField = 0;  // into m_fields
+    uint32_t fieldCount = 0;
+    bool hasPeers = false;
+    uint64_t peerStart = 0;  // peer offset plus the peer header, when the message has one
+  };
+  // Ids sorted, values beside them: one binary search over a contiguous array per lookup, where
+  // the layout decoder's trees would chase a pointer per level.
+  template <typename Value>
+  struct Index {
+    std::vector<uint64_t> ids;
+    std::vector<Value> values;
+    const Value* Find(uint64_t id) const;
+  };
+
+  static Slot SlotOf(bool loaded, uint64_t offset, uint64_t size);
+  static TrapNumber Read(const Slot& slot, const uint8_t* payload, size_t length);
+  void DecodeOta(const uint8_t* payload, size_t length, DecodedTrap* out) const;
+  void DecodeEm(const uint8_t* payload, size_t length, DecodedTrap* out) const;
+
+  Slot m_traceId;
+  Slot m_otaSim;
+  Slot m_msgId;
+  Slot m_msgSim;
+  Slot m_peerCount;
+  Index<Trace> m_traces;
+  Index<std::string_view> m_globalIds;
+  Index<Message> m_messages;
+  std::vector<NamedSlot> m_fields;  // every message's fields, each message's in file order
 };
 
 }  // namespace libtidewatch

@@ -1,0 +1,171 @@
+#include "libtidewatch/trap/trap_decoder.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "libtidewatch/platform/log.h"
+#include "libtidewatch/trap/frame_decoder.h"
+#include "tests/support/scratch_dir.h"
+
+namespace libtidewatch {
+namespace {
+
+// OTA: trace id at 0, SIM at 1, then the trace's GLOBAL_ID, PDU_LENGTH and PDU. EM: id at 0, SIM
+// at 2; message 8's peers follow a 2-byte header, message 9's start at the peer offset itself.
+constexpr char kLayout[] =
+    "#OTA_INFO\nOTA_TRACE_ID_OFFSET,0,1\nOTA_SIM_IDX_OFFSET,1,1\n"
+    "OTA_TRACE_RRC(1),OTA_MSG_OFFSET,6\nOTA_TRACE_RRC(1),GLOBAL_ID,2,2\n"
+    "OTA_TRACE_RRC(1),PDU_LENGTH,4,2\n"
+    "#GLOBAL_ID\nRRC_MIB(1000)\n"
+    "#MSG_INFO\nMSG_ID_OFFSET,0,2\nSIM_IDX_OFFSET,2,1\n"
+    "EM_CELL(7),PCI,3,2\nEM_CELL(7),RSRP,5,2\nEM_CELL(7),WIDE,7,8\nEM_CELL(7),ZERO,3,0\n"
+    "EM_CELL(7),NINE,3,9\nEM_CELL(7),FAR,18446744073709551614,2\n"
+    "#PEER_INFO\nMSG_PEERSIZE_OFFSET,3,1\nMSG_PEER_HEADER_SIZE,2\nEM_NB(8),PEER_OFFSET,4\n"
+    "#PEER_INFO_WITHOUT_HEADER\nEM_LIST(9),PEER_OFFSET,4\n";
+
+std::string Hex(const uint8_t* p, size_t n) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string s;
+  for (size_t i = 0; i < n; ++i) s += {kDigits[p[i] >> 4], kDigits[p[i] & 15]};
+  return s;
+}
+
+// Hex digits with blanks between groups; 'h' stands for a zero byte of a peer header.
+std::vector<uint8_t> Bytes(std::string hex) {
+  hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
+  std::replace(hex.begin(), hex.end(), 'h', '0');
+  std::vector<uint8_t> out;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+  }
+  return out;
+}
+
+std::string Number(const TrapNumber& n) { return n.present ? std::to_string(n.value) : "-"; }
+
+std::string Named(const TrapNumber& n, const std::optional<std::string_view>& name) {
+  return Number(n) + (name ? ":" + std::string(*name) : "");
+}
+
+// One line per decode, with every member that the type fills; "-" is an absent number.
+std::string Render(const DecodedTrap& d) {
+  std::string s;
+  if (d.type == TRAP_TYPE_OTA) {
+    s = "trace=" + Named(d.traceId, d.traceName) + " sim=" + Number(d.sim) +
+        " msg=" + Named(d.msgId, d.msgName) + " len=" + Number(d.pduLength) +
+        " pdu=" + (d.pduPresent ? Hex(d.pdu.data, d.pdu.size) : "-") +
+        (d.pduTruncated ? " cut" : "");
+  } else if (d.type == TRAP_TYPE_EM) {
+    s = "msg=" + Named(d.msgId, d.msgName) + " sim=" + Number(d.sim);
+    for (const DecodedField& f : d.fields)
+      s += " " + std::string(f.name) + "=" + std::to_string(f.value);
+    if (d.peerCount.present || d.peersPresent) {
+      s += " peers=" + Number(d.peerCount) + "/" +
+           (d.peersPresent ? Hex(d.peers.data, d.peers.size) : "-");
+    }
+  } else {
+    s = "type=" + std::to_string(d.type);
+  }
+  return s + " payload=" + Hex(d.payload.data, d.payload.size);
+}
+
+class TrapDecoderTest : public ::testing::Test {
+ protected:
+  bool Load(FrameDecoder* layout, const std::string& text) {
+    return dir_.Write("layout", text) && layout->LoadFromDESC((dir_.path() + "/layout").c_str());
+  }
+
+  tidewatch_test::ScratchDir dir_{"trap_decoder_test"};
+};
+
+TEST_F(TrapDecoderTest, DecodesByTheLayout) {
+  SetLogThreshold(kLogError);  // the layout's 0 offsets are logged on purpose
+  FrameDecoder layout;
+  ASSERT_TRUE(Load(&layout, kLayout));
+  const TrapDecoder decoder(layout);
+  struct Case {
+    TRAP_TYPE type;
+    const char* payload;
+    const char* decoded;  // Render of the result, without the payload
+  } cases[] = {
+      {TRAP_TYPE_OTA, "01 02 e803 0300 aabbcc",
+       "trace=1:OTA_TRACE_RRC sim=2 msg=1000:RRC_MIB len=3 pdu=aabbcc"},
+      // A PDU longer than what arrived is cut to the payload and said so.
+      {TRAP_TYPE_OTA, "01 00 e803 0500 aabbcc",
+       "trace=1:OTA_TRACE_RRC sim=0 msg=1000:RRC_MIB len=5 pdu=aabbcc cut"},
+      {TRAP_TYPE_OTA, "01 00 e803 0100",
+       "trace=1:OTA_TRACE_RRC sim=0 msg=1000:RRC_MIB len=1 pdu= cut"},
+      // Unknown trace: its fields cannot be found. Unknown global id: no name, the rest as usual.
+      {TRAP_TYPE_OTA, "05 01 e803 0100 aa", "trace=5 sim=1 msg=- len=- pdu=-"},
+      {TRAP_TYPE_OTA, "01 01 e903 0000", "trace=1:OTA_TRACE_RRC sim=1 msg=1001 len=0 pdu="},
+      // A field past the end is absent, whether it is cut or missing entirely.
+      {TRAP_TYPE_OTA, "01 01 e8", "trace=1:OTA_TRACE_RRC sim=1 msg=- len=- pdu=-"},
+      {TRAP_TYPE_OTA, "", "trace=- sim=- msg=- len=- pdu=-"},
+      // Widths 0 and 9 (ZERO, NINE) and an offset near 2^64 (FAR) are never read.
+      {TRAP_TYPE_EM, "0700 01 2a00 9cff 0102030405060708",
+       "msg=7:EM_CELL sim=1 PCI=42 RSRP=65436 WIDE=578437695752307201"},
+      {TRAP_TYPE_EM, "0700 01 2a00 9cff 01020304050607", "msg=7:EM_CELL sim=1 PCI=42 RSRP=65436"},
+      {TRAP_TYPE_EM, "6300 01 2a00", "msg=99 sim=1"},
+      {TRAP_TYPE_EM, "07", "msg=- sim=-"},
+      // Peer count larger than the peer bytes: both are given as they are.
+      {TRAP_TYPE_EM, "0800 00 05 hhhh aabb", "msg=8:EM_NB sim=0 peers=5/aabb"},
+      {TRAP_TYPE_EM, "0800 00 05 hh", "msg=8:EM_NB sim=0 peers=5/-"},
+      {TRAP_TYPE_EM, "0900 00 02 aabb", "msg=9:EM_LIST sim=0 peers=2/aabb"},
+      {TRAP_TYPE_EM, "0900 00", "msg=9:EM_LIST sim=0"},
+      {TRAP_TYPE_VOLTE, "0700 01 2a00", "type=4"},
+  };
+  DecodedTrap out;  // reused, as a capture does: nothing of one trap may stay for the next
+  for (const Case& c : cases) {
+    std::vector<uint8_t> payload = Bytes(c.payload);
+    decoder.Decode(c.type, payload.data(), payload.size(), &out);
+    EXPECT_EQ(Render(out),
+              std::string(c.decoded) + " payload=" + Hex(payload.data(), payload.size()))
+        << c.payload;
+  }
+}
+
+// Every field of one trace or message, the PDU and the peer list included (each runs to the end of
+// the trap), must have bytes of its own in the sample: a decoder reading it would otherwise show
+// one value under two names.
+TEST_F(TrapDecoderTest, SampleLayoutFieldsDoNotOverlap) {
+  FrameDecoder layout;
+  ASSERT_TRUE(layout.LoadFromDESC(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat"));
+  constexpr uint64_t kEnd = ~uint64_t{0};
+  struct Range {
+    std::string name;
+    uint64_t begin, end;
+  };
+  auto check = [](const std::string& record, std::vector<Range> ranges) {
+    std::sort(ranges.begin(), ranges.end(), [](auto& a, auto& b) { return a.begin < b.begin; });
+    for (size_t i = 1; i < ranges.size(); ++i) {
+      EXPECT_LE(ranges[i - 1].end, ranges[i].begin)
+          << record << ": " << ranges[i - 1].name << " overlaps " << ranges[i].name;
+    }
+  };
+  auto of = [](const char* name, const FrameDecoder::FIELD_INFO& f) {
+    return Range{name, f.offset, f.offset + f.size};
+  };
+  for (const auto& [id, trace] : layout.m_otaTraces) {
+    std::vector<Range> ranges{of("trace id", layout.m_otaTraceID),
+                              of("SIM", layout.m_otaSIMIdx),
+                              {"PDU", trace.msgOffset, kEnd}};
+    for (const auto& [name, f] : trace.fields) ranges.push_back(of(std::string(name).c_str(), f));
+    check(std::string(trace.name), ranges);
+  }
+  ASSERT_GT(layout.m_msgs.size(), 20u);
+  for (const auto& [id, msg] : layout.m_msgs) {
+    std::vector<Range> ranges{of("message id", layout.m_msgID), of("SIM", layout.m_msgSIMIdx)};
+    for (const auto& [name, f] : msg.fields) ranges.push_back(of(std::string(name).c_str(), f));
+    if (msg.peerOffset > 0) {
+      ranges.push_back(of("peer count", layout.m_peerSize));
+      ranges.push_back({"peers", static_cast<uint64_t>(msg.peerOffset), kEnd});
+    }
+    check(std::string(msg.name), ranges);
+  }
+}
+
+}  // namespace
+}  // namespace libtidewatch
