@@ -100,7 +100,7 @@ void CheckEm(const FrameDecoder& layout, const DecodedTrap& d, const std::vector
     return;
   }
   FUZZ_CHECK(NameOr(d.msgName) == msg->second.name.c_str());
-  // Exactly the fields that can be read, each once, with its bytes' value.
+  // Exactly the fields that can be read, each once, with its bytes' value,
   size_t readable = 0;
   for (const auto& [name, info] : msg->second.fields) {
     FrameDecoder::FIELD_INFO placed = info;
@@ -108,9 +108,12 @@ void CheckEm(const FrameDecoder& layout, const DecodedTrap& d, const std::vector
     readable += Expect(placed, p).present ? 1 : 0;
   }
   FUZZ_CHECK(d.fields.size() == readable);
+  int64_t lastOrder = -1;  // and in the file's order
   for (const auto& f : d.fields) {
     auto it = msg->second.fields.find(f.name);
     FUZZ_CHECK(it != msg->second.fields.end());
+    FUZZ_CHECK(static_cast<int64_t>(it->second.order) > lastOrder);
+    lastOrder = it->second.order;
     FrameDecoder::FIELD_INFO placed = it->second;
     placed.loaded = true;
     TrapNumber expected = Expect(placed, p);

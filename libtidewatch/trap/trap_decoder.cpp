@@ -13,16 +13,14 @@ namespace {
 constexpr std::string_view kGlobalIdField = "GLOBAL_ID";
 constexpr std::string_view kPduLengthField = "PDU_LENGTH";
 
-// The layout's fields of one record in the order the file gave them: the decoder's maps are
-// ordered by name, so the offset stands in for the file's order.
+// The layout's fields of one record in the order the file gave them (the maps are ordered by name).
 std::vector<std::pair<std::string_view, const FrameDecoder::FIELD_INFO*>> InFileOrder(
     const FrameDecoder::FieldMap& fields) {
   std::vector<std::pair<std::string_view, const FrameDecoder::FIELD_INFO*>> sorted;
   sorted.reserve(fields.size());
   for (const auto& [name, info] : fields) sorted.emplace_back(name, &info);
-  std::stable_sort(sorted.begin(), sorted.end(), [](const auto& a, const auto& b) {
-    return a.second->offset < b.second->offset;
-  });
+  std::sort(sorted.begin(), sorted.end(),
+            [](const auto& a, const auto& b) { return a.second->order < b.second->order; });
   return sorted;
 }
 

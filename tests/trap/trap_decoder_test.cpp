@@ -14,14 +14,15 @@ namespace libtidewatch {
 namespace {
 
 // OTA: trace id at 0, SIM at 1, then the trace's GLOBAL_ID, PDU_LENGTH and PDU. EM: id at 0, SIM
-// at 2; message 8's peers follow a 2-byte header, message 9's start at the peer offset itself.
+// at 2, fields listed out of offset order; message 8's peers follow a 2-byte header, message 9's
+// start at the peer offset itself.
 constexpr char kLayout[] =
     "#OTA_INFO\nOTA_TRACE_ID_OFFSET,0,1\nOTA_SIM_IDX_OFFSET,1,1\n"
     "OTA_TRACE_RRC(1),OTA_MSG_OFFSET,6\nOTA_TRACE_RRC(1),GLOBAL_ID,2,2\n"
     "OTA_TRACE_RRC(1),PDU_LENGTH,4,2\n"
     "#GLOBAL_ID\nRRC_MIB(1000)\n"
     "#MSG_INFO\nMSG_ID_OFFSET,0,2\nSIM_IDX_OFFSET,2,1\n"
-    "EM_CELL(7),PCI,3,2\nEM_CELL(7),RSRP,5,2\nEM_CELL(7),WIDE,7,8\nEM_CELL(7),ZERO,3,0\n"
+    "EM_CELL(7),RSRP,5,2\nEM_CELL(7),PCI,3,2\nEM_CELL(7),WIDE,7,8\nEM_CELL(7),ZERO,3,0\n"
     "EM_CELL(7),NINE,3,9\nEM_CELL(7),FAR,18446744073709551614,2\n"
     "#PEER_INFO\nMSG_PEERSIZE_OFFSET,3,1\nMSG_PEER_HEADER_SIZE,2\nEM_NB(8),PEER_OFFSET,4\n"
     "#PEER_INFO_WITHOUT_HEADER\nEM_LIST(9),PEER_OFFSET,4\n";
@@ -106,8 +107,8 @@ TEST_F(TrapDecoderTest, DecodesByTheLayout) {
       {TRAP_TYPE_OTA, "", "trace=- sim=- msg=- len=- pdu=-"},
       // Widths 0 and 9 (ZERO, NINE) and an offset near 2^64 (FAR) are never read.
       {TRAP_TYPE_EM, "0700 01 2a00 9cff 0102030405060708",
-       "msg=7:EM_CELL sim=1 PCI=42 RSRP=65436 WIDE=578437695752307201"},
-      {TRAP_TYPE_EM, "0700 01 2a00 9cff 01020304050607", "msg=7:EM_CELL sim=1 PCI=42 RSRP=65436"},
+       "msg=7:EM_CELL sim=1 RSRP=65436 PCI=42 WIDE=578437695752307201"},
+      {TRAP_TYPE_EM, "0700 01 2a00 9cff 01020304050607", "msg=7:EM_CELL sim=1 RSRP=65436 PCI=42"},
       {TRAP_TYPE_EM, "6300 01 2a00", "msg=99 sim=1"},
       {TRAP_TYPE_EM, "07", "msg=- sim=-"},
       // Peer count larger than the peer bytes: both are given as they are.
