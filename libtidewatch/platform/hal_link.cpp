@@ -2,9 +2,11 @@
 #include "libtidewatch/platform/hal_link.h"
 
 #include <errno.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -37,12 +39,36 @@ void AppendBounded(std::vector<uint8_t>* body, const uint8_t* data, size_t extra
   body->insert(body->end(), data, data + extra);
 }
 
-// Sends all of data[0..len); false on any error but EINTR.
-bool SendAll(int fd, const uint8_t* data, size_t len) {
+// Waits until `fd` is ready for `events` or `deadline` passes; false with errno ETIMEDOUT then.
+// Readiness includes a hang-up or an error, which the next send or recv reports.
+bool WaitReady(int fd, short events, HalLinkDeadline deadline) {
+  for (;;) {
+    auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) {
+      errno = ETIMEDOUT;
+      return false;
+    }
+    int timeoutMs = deadline == kHalLinkNoDeadline
+                        ? -1
+                        : static_cast<int>(std::min<int64_t>(left.count(), INT32_MAX));
+    pollfd p{fd, events, 0};
+    int n = poll(&p, 1, timeoutMs);
+    if (n > 0) return true;
+    if (n < 0 && errno != EINTR) return false;
+  }
+}
+
+// With a deadline the socket is used without blocking, so that no single call can outlast it.
+int IoFlags(HalLinkDeadline deadline) { return deadline == kHalLinkNoDeadline ? 0 : MSG_DONTWAIT; }
+
+// Sends all of data[0..len); false on any error but EINTR, or when the deadline passed.
+bool SendAll(int fd, const uint8_t* data, size_t len, HalLinkDeadline deadline) {
   while (len > 0) {
-    ssize_t n = send(fd, data, len, MSG_NOSIGNAL);
+    ssize_t n = send(fd, data, len, MSG_NOSIGNAL | IoFlags(deadline));
     if (n < 0) {
       if (errno == EINTR) continue;
+      if ((errno == EAGAIN || errno == EWOULDBLOCK) && WaitReady(fd, POLLOUT, deadline)) continue;
       return false;
     }
     data += n;
@@ -51,24 +77,33 @@ bool SendAll(int fd, const uint8_t* data, size_t len) {
   return true;
 }
 
-// Reads up to `len` bytes, retrying on EINTR: the count read, 0 at end of stream, -1 on error.
-ssize_t RecvSome(int fd, uint8_t* data, size_t len) {
+// Reads up to `len` bytes, retrying on EINTR: the count read, 0 at end of stream, -1 on error or
+// when the deadline passed (errno ETIMEDOUT).
+ssize_t RecvSome(int fd, uint8_t* data, size_t len, HalLinkDeadline deadline) {
   for (;;) {
-    ssize_t n = recv(fd, data, len, 0);
-    if (n >= 0 || errno != EINTR) return n;
+    ssize_t n = recv(fd, data, len, IoFlags(deadline));
+    if (n >= 0) return n;
+    if (errno == EINTR) continue;
+    if ((errno == EAGAIN || errno == EWOULDBLOCK) && WaitReady(fd, POLLIN, deadline)) continue;
+    return -1;
   }
 }
 
 // Reads exactly `len` bytes: `len` when done, fewer when the stream ended, -1 on error.
-ssize_t RecvAll(int fd, uint8_t* data, size_t len) {
+ssize_t RecvAll(int fd, uint8_t* data, size_t len, HalLinkDeadline deadline) {
   size_t done = 0;
   while (done < len) {
-    ssize_t n = RecvSome(fd, data + done, len - done);
+    ssize_t n = RecvSome(fd, data + done, len - done, deadline);
     if (n < 0) return -1;
     if (n == 0) break;
     done += static_cast<size_t>(n);
   }
   return static_cast<ssize_t>(done);
+}
+
+// What a failed read means: the deadline passing, or a broken stream.
+HalLinkReadResult ReadFailure() {
+  return errno == ETIMEDOUT ? HalLinkReadResult::kTimeout : HalLinkReadResult::kError;
 }
 
 }  // namespace
@@ -132,38 +167,43 @@ bool HalLinkDecoder::Next(HalLinkFrame* frame) {
   return true;
 }
 
-bool WriteHalLinkFrame(int fd, uint8_t opcode, const uint8_t* payload, size_t len) {
+bool WriteHalLinkFrame(int fd, uint8_t opcode, const uint8_t* payload, size_t len,
+                       HalLinkDeadline deadline) {
   if (len > kHalLinkMaxPayload) return false;
   // A small frame goes out in one send; a large payload is sent from the caller's buffer as is.
   if (len <= kSmallPayload) {
     std::vector<uint8_t> frame;
     frame.reserve(kHalLinkHeaderSize + 1 + len);
     AppendHalLinkFrame(opcode, payload, len, &frame);
-    return SendAll(fd, frame.data(), frame.size());
+    return SendAll(fd, frame.data(), frame.size(), deadline);
   }
   uint8_t head[kHalLinkHeaderSize + 1];
   StoreHead(opcode, len, head);
-  return SendAll(fd, head, sizeof(head)) && SendAll(fd, payload, len);
+  return SendAll(fd, head, sizeof(head), deadline) && SendAll(fd, payload, len, deadline);
 }
 
-HalLinkReadResult ReadHalLinkFrame(int fd, HalLinkFrame* frame) {
+HalLinkReadResult ReadHalLinkFrame(int fd, HalLinkFrame* frame, HalLinkDeadline deadline) {
   uint8_t header[kHalLinkHeaderSize];
-  ssize_t n = RecvAll(fd, header, sizeof(header));
+  ssize_t n = RecvAll(fd, header, sizeof(header), deadline);
+  if (n < 0) return ReadFailure();
   if (n == 0) return HalLinkReadResult::kClosed;
   if (n != static_cast<ssize_t>(sizeof(header))) return HalLinkReadResult::kError;
   uint32_t length = LoadLength(header);
   if (!LengthAcceptable(length)) return HalLinkReadResult::kBadFrame;
 
   uint8_t opcode;
-  if (RecvAll(fd, &opcode, 1) != 1) return HalLinkReadResult::kError;
+  n = RecvAll(fd, &opcode, 1, deadline);
+  if (n < 0) return ReadFailure();
+  if (n != 1) return HalLinkReadResult::kError;
   frame->opcode = opcode;
   frame->payload.clear();
   size_t remaining = length - 1;
   // Read in bounded chunks so that memory follows the bytes that arrive, not the length claimed.
   uint8_t chunk[16 * 1024];
   while (remaining > 0) {
-    ssize_t got = RecvSome(fd, chunk, std::min(remaining, sizeof(chunk)));
-    if (got <= 0) return HalLinkReadResult::kError;
+    ssize_t got = RecvSome(fd, chunk, std::min(remaining, sizeof(chunk)), deadline);
+    if (got < 0) return ReadFailure();
+    if (got == 0) return HalLinkReadResult::kError;
     AppendBounded(&frame->payload, chunk, static_cast<size_t>(got), length - 1);
     remaining -= static_cast<size_t>(got);
   }

@@ -22,6 +22,7 @@
 // A peer that receives a frame it cannot accept closes the connection.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -98,19 +99,29 @@ class HalLinkDecoder {
   uint32_t m_badLength = 0;
 };
 
-// Writes one whole frame to the stream socket `fd`, blocking; retries on EINTR and never raises
-// SIGPIPE. False when the payload is too long or the write fails (the peer has gone).
-bool WriteHalLinkFrame(int fd, uint8_t opcode, const uint8_t* payload, size_t len);
+// When blocking frame I/O gives up. The default, the largest time point, waits as long as it takes.
+using HalLinkDeadline = std::chrono::steady_clock::time_point;
+constexpr HalLinkDeadline kHalLinkNoDeadline = HalLinkDeadline::max();
+
+// Writes one whole frame to the stream socket `fd`, blocking until `deadline`; retries on EINTR and
+// never raises SIGPIPE. False when the payload is too long or the write fails (the peer has gone),
+// and false with errno ETIMEDOUT when the deadline passed first (part of the frame may be sent).
+bool WriteHalLinkFrame(int fd, uint8_t opcode, const uint8_t* payload, size_t len,
+                       HalLinkDeadline deadline = kHalLinkNoDeadline);
 
 enum class HalLinkReadResult {
   kFrame,     // a whole frame was read
   kClosed,    // the peer closed the connection before the first byte of a frame
   kBadFrame,  // a length field of 0 or above the limit: close the connection
   kError,     // a read error, or the peer closed in the middle of a frame
+  kTimeout,   // the deadline passed before the whole frame arrived: close the connection
 };
 
-// Reads exactly one frame from the stream socket `fd`, blocking, and nothing beyond it (so frames
-// that follow stay in the socket). Retries on EINTR; the payload buffer grows only as bytes arrive.
-HalLinkReadResult ReadHalLinkFrame(int fd, HalLinkFrame* frame);
+// Reads exactly one frame from the stream socket `fd`, blocking until `deadline`, and nothing
+// beyond it (so frames that follow stay in the socket). Retries on EINTR; the payload buffer grows
+// only as bytes arrive. The deadline bounds the whole frame, so a peer that sends part of a frame
+// and then nothing, or trickles bytes, is given up on in time.
+HalLinkReadResult ReadHalLinkFrame(int fd, HalLinkFrame* frame,
+                                   HalLinkDeadline deadline = kHalLinkNoDeadline);
 
 }  // namespace libtidewatch

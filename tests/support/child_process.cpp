@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 namespace tidewatch_test {
@@ -16,6 +17,9 @@ bool StartChild(const std::string& binary, const std::vector<std::string>& args,
   for (std::string& a : storage) argv.push_back(&a[0]);
   argv.push_back(nullptr);
   const char* dir = options.dir.empty() ? nullptr : options.dir.c_str();
+  const char* errPath = options.stderrPath.empty() ? nullptr : options.stderrPath.c_str();
+  if (errPath == nullptr && options.dropStderr) errPath = "/dev/null";
+  const rlimit addressSpace = {options.addressSpaceLimit, options.addressSpaceLimit};
   int out[2];
   if (pipe2(out, O_CLOEXEC) != 0) return false;
   pid_t parent = getpid();
@@ -30,10 +34,11 @@ bool StartChild(const std::string& binary, const std::vector<std::string>& args,
     if (getppid() != parent) _exit(127);
     if (dup2(out[1], STDOUT_FILENO) < 0) _exit(126);
     if (dir != nullptr && chdir(dir) != 0) _exit(126);
-    if (options.dropStderr) {
-      int null = open("/dev/null", O_WRONLY);
-      if (null < 0 || dup2(null, STDERR_FILENO) < 0) _exit(126);
+    if (errPath != nullptr) {
+      int err = open(errPath, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      if (err < 0 || dup2(err, STDERR_FILENO) < 0) _exit(126);
     }
+    if (addressSpace.rlim_cur != 0 && setrlimit(RLIMIT_AS, &addressSpace) != 0) _exit(126);
     execv(argv[0], argv.data());
     _exit(127);
   }

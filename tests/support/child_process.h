@@ -5,14 +5,17 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 namespace tidewatch_test {
 
 struct ChildOptions {
-  std::string dir;          // the child's working directory; empty: this process's
-  bool dropStderr = false;  // standard error to /dev/null instead of this process's
+  std::string dir;               // the child's working directory; empty: this process's
+  bool dropStderr = false;       // standard error to /dev/null instead of this process's
+  std::string stderrPath;        // when set, standard error to this file (created or truncated)
+  size_t addressSpaceLimit = 0;  // when set, the child's RLIMIT_AS in bytes
 };
 
 // Runs `binary args...`. On success `*pid` is the child and `*stdoutFd` the read end of its

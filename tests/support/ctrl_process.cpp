@@ -6,15 +6,25 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+
 #include "tests/support/child_process.h"
 
 namespace tidewatch_test {
 
 CtrlResult RunCtrl(const std::string& dir, const std::vector<std::string>& args) {
+  ChildOptions options;
+  options.dir = dir;
+  options.dropStderr = true;
+  return RunCtrl(options, args);
+}
+
+CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& args,
+                   int timeoutMs) {
   CtrlProcess process;
-  if (!process.Start(dir, args)) return {-1000, ""};
-  std::string out = process.ReadAll();
-  return {process.Wait(), out};
+  if (!process.Start(options, args)) return {-1000, ""};
+  std::string out = process.ReadAll(timeoutMs);
+  return {process.ended() ? process.Wait() : process.Stop(), out};
 }
 
 CtrlProcess::~CtrlProcess() {
@@ -25,10 +35,14 @@ CtrlProcess::~CtrlProcess() {
 std::string CtrlProcess::BinaryPath() { return TIDEWATCH_BIN_DIR "/tide_watch_ctrl"; }
 
 bool CtrlProcess::Start(const std::string& dir, const std::vector<std::string>& args) {
-  // A receiver never ends by itself: StartChild ties it to this thread.
   ChildOptions options;
   options.dir = dir;
   options.dropStderr = true;
+  return Start(options, args);
+}
+
+bool CtrlProcess::Start(const ChildOptions& options, const std::vector<std::string>& args) {
+  // A receiver never ends by itself: StartChild ties it to this thread.
   if (!StartChild(BinaryPath(), args, options, &m_pid, &m_fd)) return false;
   m_pending.clear();
   return true;
@@ -68,8 +82,12 @@ std::string CtrlProcess::ReadLine(int timeoutMs) {
   return line;
 }
 
-std::string CtrlProcess::ReadAll() {
-  while (Fill(-1)) {
+std::string CtrlProcess::ReadAll(int timeoutMs) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  for (;;) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0 || !Fill(static_cast<int>(left.count()))) break;
   }
   std::string all;
   all.swap(m_pending);

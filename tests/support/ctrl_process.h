@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/child_process.h"
+
 namespace tidewatch_test {
 
 struct CtrlResult {
@@ -18,6 +20,10 @@ struct CtrlResult {
 
 // Runs `tide_watch_ctrl args...` in `dir` to its end. Standard error is dropped.
 CtrlResult RunCtrl(const std::string& dir, const std::vector<std::string>& args);
+// The same as the child `options` set it up. A run still going after `timeoutMs` is ended with
+// SIGTERM, so that a hang fails the test instead of stalling it.
+CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& args,
+                   int timeoutMs = 30000);
 
 class CtrlProcess {
  public:
@@ -31,11 +37,14 @@ class CtrlProcess {
 
   // Starts the tool in `dir` with standard output on a pipe; false when it could not be started.
   bool Start(const std::string& dir, const std::vector<std::string>& args);
+  bool Start(const ChildOptions& options, const std::vector<std::string>& args);
   // The next line of output with its line feed, waiting up to `timeoutMs` for it; what arrived so
   // far (without a line feed) when the time ran out or the output ended.
   std::string ReadLine(int timeoutMs = 20000);
-  // Everything up to the end of the output.
-  std::string ReadAll();
+  // Everything up to the end of the output, or what came within `timeoutMs` in all.
+  std::string ReadAll(int timeoutMs = 30000);
+  // Whether the output has ended.
+  bool ended() const { return m_fd < 0; }
   // Reaps the process after its output ended: its exit status, or -signal.
   int Wait();
   // SIGTERM, then reaps.

@@ -4,7 +4,6 @@
 #include <errno.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -12,27 +11,13 @@
 #include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/platform/host/host_death_watch.h"
 #include "libtidewatch/platform/host/host_hal_service.h"
+#include "libtidewatch/platform/host/host_link_settings.h"
 #include "libtidewatch/platform/log.h"
 
 namespace libtidewatch {
 namespace {
 
-constexpr long kDefaultWaitMs = 1000;
 constexpr long kRetryMs = 50;
-
-// TIDEWATCH_HAL_WAIT_MS, or the default when it is unset or not a non-negative number.
-long WaitMs() {
-  const char* text = getenv("TIDEWATCH_HAL_WAIT_MS");
-  if (text == nullptr || text[0] == '\0') return kDefaultWaitMs;
-  char* end = nullptr;
-  errno = 0;
-  long value = strtol(text, &end, 10);
-  if (errno != 0 || *end != '\0' || value < 0) {
-    TW_LOGW("HAL link: ignoring TIDEWATCH_HAL_WAIT_MS=\"%s\"", text);
-    return kDefaultWaitMs;
-  }
-  return value;
-}
 
 // Connects to `generation`'s endpoint, trying again every kRetryMs until `waitMs` has passed.
 std::shared_ptr<HalService> Connect(HalGeneration generation, long waitMs) {
@@ -61,7 +46,9 @@ std::unique_ptr<HalDeathRecipient> NewHalDeathRecipient(HalDeathHandler handler)
   return std::make_unique<HostHalDeathRecipient>(handler);
 }
 
-std::shared_ptr<HalService> GetAidlHalService() { return Connect(HalGeneration::kAidl, WaitMs()); }
+std::shared_ptr<HalService> GetAidlHalService() {
+  return Connect(HalGeneration::kAidl, HalWaitMs());
+}
 
 std::shared_ptr<HalService> CheckAidlHalService() { return Connect(HalGeneration::kAidl, 0); }
 

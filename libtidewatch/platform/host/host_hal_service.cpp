@@ -3,9 +3,11 @@
 
 #include <errno.h>
 
+#include <chrono>
 #include <utility>
 
 #include "libtidewatch/platform/hal_link.h"
+#include "libtidewatch/platform/host/host_link_settings.h"
 #include "libtidewatch/platform/host/host_trap_reader.h"
 #include "libtidewatch/platform/log.h"
 
@@ -35,21 +37,40 @@ void HostHalService::Close() {
   m_socket->Shutdown();
 }
 
+void HostHalService::TimedOut(uint8_t opcode, long timeoutMs) {
+  TW_LOGE("HAL link: no answer to opcode 0x%02x within %ld ms (TIDEWATCH_HAL_CALL_TIMEOUT_MS)",
+          opcode, timeoutMs);
+  // A late answer would be taken for the answer to the next request: the connection is spent.
+  Close();
+}
+
 bool HostHalService::Transact(uint8_t opcode, const uint8_t* payload, size_t len,
                               uint8_t answerOpcode, std::vector<uint8_t>* answer) {
   if (len > kHalLinkMaxPayload) {
     TW_LOGW("HAL link: request of %zu bytes is too long", len);
     return false;
   }
-  if (!WriteHalLinkFrame(m_socket->fd(), opcode, payload, len)) {
-    TW_LOGD("HAL link: cannot send to the service: the connection is gone");
-    Close();
+  // One deadline for the whole call, as a binder transaction is one call: a service that takes
+  // the request and never answers, or answers half a frame, must not hold the caller forever.
+  const long timeoutMs = HalCallTimeoutMs();
+  const HalLinkDeadline deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  if (!WriteHalLinkFrame(m_socket->fd(), opcode, payload, len, deadline)) {
+    if (errno == ETIMEDOUT) {
+      TimedOut(opcode, timeoutMs);
+    } else {
+      TW_LOGD("HAL link: cannot send to the service: the connection is gone");
+      Close();
+    }
     return false;
   }
   HalLinkFrame frame;
-  switch (ReadHalLinkFrame(m_socket->fd(), &frame)) {
+  switch (ReadHalLinkFrame(m_socket->fd(), &frame, deadline)) {
     case HalLinkReadResult::kFrame:
       break;
+    case HalLinkReadResult::kTimeout:
+      TimedOut(opcode, timeoutMs);
+      return false;
     case HalLinkReadResult::kBadFrame:
       TW_LOGW("HAL link: the service sent a frame length out of range");
       Close();

@@ -23,7 +23,8 @@ class HostHalService : public HalService {
 
   HalGeneration Generation() const override { return m_generation; }
   // Sends COMMAND and waits for COMMAND_RESULT. `reply` is replaced only on success. A reply frame
-  // that cannot be accepted closes the connection, which makes every later call fail.
+  // that cannot be accepted, or none before the call's deadline, closes the connection, which
+  // makes every later call fail.
   bool SendCommand(const uint8_t* request, size_t len, std::vector<uint8_t>* reply) override;
   // Sends REGISTER_TRAP_CALLBACK and waits for REGISTER_RESULT. On success the connection belongs
   // to a trap reader that outlives this handle, and this handle sends nothing more.
@@ -35,9 +36,12 @@ class HostHalService : public HalService {
   // Whether a request may be sent: not closed, not handed to a trap reader.
   bool Usable(const char* what) const;
   // Sends one request frame and reads its answer, closing the connection on anything but a frame
-  // with opcode `answerOpcode` that carries at least the status byte.
+  // with opcode `answerOpcode` that carries at least the status byte. The whole call must end
+  // within TIDEWATCH_HAL_CALL_TIMEOUT_MS; past it, the call fails as a failed transaction does.
   bool Transact(uint8_t opcode, const uint8_t* payload, size_t len, uint8_t answerOpcode,
                 std::vector<uint8_t>* answer);
+  // Logs the passed deadline and closes the connection.
+  void TimedOut(uint8_t opcode, long timeoutMs);
   void Close();
 
   const HalGeneration m_generation;
