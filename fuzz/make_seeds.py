@@ -238,6 +238,78 @@ def cli_seeds():
     }
 
 
+def pcapng_block(block_type, body):
+    length = 12 + len(body)
+    return struct.pack("<II", block_type, length) + body + struct.pack("<I", length)
+
+
+def pcapng_option(code, value):
+    return struct.pack("<HH", code, len(value)) + value + b"\0" * (-len(value) % 4)
+
+
+def pcapng_section(appl=b"tide_watch_capture seed"):
+    shb = pcapng_block(0x0A0D0D0A, struct.pack("<IHHq", 0x1A2B3C4D, 1, 0, -1)
+                       + pcapng_option(4, appl) + b"\0" * 4)
+    idb = pcapng_block(1, struct.pack("<HHI", 162, 0, 0) + pcapng_option(2, b"tidewatch")
+                       + pcapng_option(9, b"\x06") + b"\0" * 4)
+    return shb + idb
+
+
+def trap_header(trap_type, seq, record, flags=0, numbers=(0,) * 5, pdu=(0, 0), peers=(0, 0),
+                names=(b"", b""), fields=(), discards=(0,) * 9, tool_drops=0):
+    var = b"".join(struct.pack("<H", len(n)) + n for n in names)
+    var += struct.pack("<H", len(fields))
+    var += b"".join(struct.pack("<H", len(n)) + n + struct.pack("<Q", v) for n, v in fields)
+    size = 128 + len(var)
+    size += -size % 4
+    fixed = struct.pack("<IBBHII", 0x52545754, 1, trap_type, flags, size, len(record))
+    fixed += struct.pack("<QQ", seq, len(record) - 5) + struct.pack("<5Q", *numbers)
+    fixed += struct.pack("<4I", *pdu, *peers) + struct.pack("<9I", *discards)
+    fixed += struct.pack("<I", tool_drops)
+    return (fixed + var).ljust(size, b"\0") + record
+
+
+def pcapng_packet(data, seq, time_us, drops=0):
+    body = struct.pack("<IIIII", 0, time_us >> 32, time_us & 0xFFFFFFFF, len(data), len(data))
+    body += data + b"\0" * (-len(data) % 4)
+    body += pcapng_option(4, struct.pack("<Q", drops)) + pcapng_option(5, struct.pack("<Q", seq))
+    return pcapng_block(6, body + b"\0" * 4)
+
+
+def pcapng_stats(start_us, end_us, written, service_drops, tool_drops):
+    def time(us):
+        return struct.pack("<II", us >> 32, us & 0xFFFFFFFF)
+    body = struct.pack("<I", 0) + time(end_us) + pcapng_option(2, time(start_us))
+    body += pcapng_option(3, time(end_us))
+    for code, value in ((4, written + tool_drops), (5, service_drops), (7, tool_drops),
+                        (8, written)):
+        body += pcapng_option(code, struct.pack("<Q", value))
+    return pcapng_block(5, body + b"\0" * 4)
+
+
+def pcapng_seeds():
+    mib = bytes([0x60, 0xA0, 0x00])
+    ota_record = trap_record(2, bytes(4) + b"\x01\0\0\0" + struct.pack("<HH", 1000, 3) + mib)
+    ota = trap_header(2, 1, ota_record, flags=0x7F, numbers=(1, 1000, 1, 3, 0), pdu=(17, 3),
+                      names=(b"OTA_TRACE_LTE_RRC", b"LTE_RRC_MASTER_INFORMATION_BLOCK"))
+    em_record = trap_record(3, bytes(16))
+    em = trap_header(3, 2, em_record, flags=0x307, numbers=(0, 2000, 0, 0, 1), peers=(13, 8),
+                     names=(b"", b"EM_LTE_SERVING_CELL_INFO"),
+                     fields=((b"EARFCN", 1300), (b"RSRP", 180)), discards=(0, 0, 3) + (0,) * 6,
+                     tool_drops=2)
+    raw = trap_header(4, 3, trap_record(4, b"volte"))
+    t0 = 1700000000000000
+    body = (pcapng_packet(ota, 1, t0) + pcapng_packet(em, 2, t0 + 1250, 5)
+            + pcapng_packet(raw, 3, t0 + 2500))
+    whole = pcapng_section() + body + pcapng_stats(t0, t0 + 9000, 3, 3, 2)
+    return {
+        "capture": whole,
+        "two-sections": whole + whole,
+        "truncated": whole[:len(whole) - 50],
+        "empty-section": pcapng_section(),
+    }
+
+
 def main():
     write("mcp_stream_fuzzer", {
         name: stream_prefix() + body for name, body in mcp_seeds().items()})
@@ -253,6 +325,7 @@ def main():
     write("reply_check_fuzzer", reply_seeds())
     write("hal_link_fuzzer", link_seeds())
     write("cli_args_fuzzer", cli_seeds())
+    write("pcapng_reader_fuzzer", pcapng_seeds())
 
 
 if __name__ == "__main__":
