@@ -1,0 +1,245 @@
+#include "capture/report/report_builder.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+
+namespace capture {
+
+using libtidewatch::CapturedTrap;
+using libtidewatch::DecodedTrap;
+using libtidewatch::TRAP_TYPE;
+using libtidewatch::TRAP_TYPE_NUM;
+
+namespace {
+
+std::string_view Cut(std::string_view text) {
+  return text.substr(0, ReportBuilder::kMaxTextBytes);
+}
+
+OptionalNumber ToOptional(const libtidewatch::TrapNumber& n) { return {n.value, n.present}; }
+
+// A name for `number` where the layout gave none: "#2000", or "" when there is no number either.
+std::string Unnamed(const libtidewatch::TrapNumber& number) {
+  return number.present ? "#" + std::to_string(number.value) : std::string();
+}
+
+// The label a trap is counted under: its message name, else its type and id ("EM #2000"), else
+// its type alone. Appended to `out`.
+void AppendLabel(TRAP_TYPE type, const DecodedTrap& decoded, std::string* out) {
+  const char* typeName = libtidewatch::ToTrapStr(type);
+  if (typeName == nullptr) typeName = "NONE";
+  bool named = type == libtidewatch::TRAP_TYPE_OTA || type == libtidewatch::TRAP_TYPE_EM;
+  if (named && decoded.msgName) {
+    out->append(Cut(*decoded.msgName));
+    return;
+  }
+  out->append(typeName);
+  if (named) {
+    std::string id = Unnamed(decoded.msgId);
+    out->append(id.empty() ? " (no id)" : " " + id);
+  }
+}
+
+void MergeField(FieldBucket* into, const FieldBucket& from) {
+  if (from.count == 0) return;
+  if (into->count == 0) {
+    *into = from;
+    return;
+  }
+  into->min = std::min(into->min, from.min);
+  into->max = std::max(into->max, from.max);
+  into->last = from.last;  // buckets are merged in time order
+  into->count += from.count;
+}
+
+void MergeTypes(TypeBucket* into, const TypeBucket& from) {
+  for (size_t t = 0; t < TRAP_TYPE_NUM; ++t) into->traps[t] += from.traps[t];
+  into->serviceDrops += from.serviceDrops;
+  into->toolDrops += from.toolDrops;
+}
+
+}  // namespace
+
+ReportBuilder::ReportBuilder()
+    : m_data(kGridBuckets, kInitialBucketUs) {
+  m_data.typeBuckets.resize(m_data.grid.capacity());
+  m_data.otherNames.label = "(other names)";
+}
+
+size_t ReportBuilder::PlaceInGrid(int64_t timeUs) {
+  GridRemap remap;
+  size_t bucket = m_data.grid.Place(timeUs, &remap);
+  if (remap.shift != 0 || remap.halvings != 0) {
+    RemapBuckets(remap, &m_data.typeBuckets, MergeTypes);
+    for (FieldSeries& s : m_data.series) RemapBuckets(remap, &s.buckets, MergeField);
+  }
+  return bucket;
+}
+
+void ReportBuilder::Add(const CapturedTrap& trap) {
+  const DecodedTrap& decoded = trap.decoded;
+  TRAP_TYPE type = decoded.type < TRAP_TYPE_NUM ? decoded.type : libtidewatch::TRAP_TYPE_NONE;
+  size_t bucket = PlaceInGrid(trap.timeUs);
+
+  if (m_data.traps == 0) {
+    m_data.firstUs = m_data.lastUs = trap.timeUs;
+  } else {
+    m_data.firstUs = std::min(m_data.firstUs, trap.timeUs);
+    m_data.lastUs = std::max(m_data.lastUs, trap.timeUs);
+  }
+  ++m_data.traps;
+  m_data.bytes += trap.record.size;
+  ++m_data.trapsByType[type];
+  ++m_data.typeBuckets[bucket].traps[type];
+
+  m_scratch.assign(1, static_cast<char>('0' + type));
+  AppendLabel(type, decoded, &m_scratch);
+  std::string_view label = std::string_view(m_scratch).substr(1);
+  NameStats* stats = StatsFor(type, label);
+  ++stats->count;
+  stats->bytes += trap.record.size;
+
+  if (type == libtidewatch::TRAP_TYPE_EM && !decoded.fields.empty()) {
+    if (stats == &m_data.otherNames) {
+      m_data.unchartedValues += decoded.fields.size();
+    } else {
+      AddFields(trap, bucket, stats->label);
+    }
+  }
+
+  if (type == libtidewatch::TRAP_TYPE_OTA) {
+    if (m_data.ota.size() < kMaxOta) {
+      OtaEntry entry;
+      entry.timeUs = trap.timeUs;
+      entry.seq = trap.seq;
+      entry.sim = ToOptional(decoded.sim);
+      entry.message = decoded.msgName ? std::string(Cut(*decoded.msgName)) : Unnamed(decoded.msgId);
+      entry.trace = decoded.traceName ? std::string(Cut(*decoded.traceName))
+                                      : Unnamed(decoded.traceId);
+      entry.pduLength = ToOptional(decoded.pduLength);
+      m_data.ota.push_back(std::move(entry));
+    } else {
+      ++m_data.otaNotListed;
+    }
+  }
+
+  if (trap.HasDiscards()) {
+    DropEvent event;
+    event.timeUs = trap.timeUs;
+    uint64_t sum = 0;
+    for (size_t t = 0; t < TRAP_TYPE_NUM; ++t) {
+      event.counts[t] = trap.discards[t];
+      m_data.serviceDropsByType[t] += trap.discards[t];
+      sum += trap.discards[t];
+    }
+    m_data.typeBuckets[bucket].serviceDrops += sum;
+    AddDropEvent(event);
+  }
+}
+
+void ReportBuilder::AddToolDrop(int64_t timeUs, TRAP_TYPE type, uint64_t count) {
+  if (count == 0) return;
+  if (type >= TRAP_TYPE_NUM) type = libtidewatch::TRAP_TYPE_NONE;
+  size_t bucket = PlaceInGrid(timeUs);
+  m_data.typeBuckets[bucket].toolDrops += count;
+  m_data.toolDropsByType[type] += count;
+  DropEvent event;
+  event.timeUs = timeUs;
+  event.byTool = true;
+  event.counts[type] = count;
+  AddDropEvent(event);
+}
+
+void ReportBuilder::AddDropEvent(const DropEvent& event) {
+  if (m_data.drops.size() < kMaxDropEvents) {
+    m_data.drops.push_back(event);
+  } else {
+    ++m_data.unlistedDropEvents;
+  }
+}
+
+void ReportBuilder::SetSource(std::string_view source) { m_data.source = std::string(source); }
+
+void ReportBuilder::SetSpan(int64_t startUs, int64_t endUs) {
+  m_data.hasSpan = true;
+  m_data.spanStartUs = std::min(startUs, endUs);
+  m_data.spanEndUs = std::max(startUs, endUs);
+}
+
+void ReportBuilder::SetStoppedAt(std::string_view where) {
+  m_data.stoppedAt = std::string(where.substr(0, 1000));
+}
+
+NameStats* ReportBuilder::StatsFor(TRAP_TYPE type, std::string_view label) {
+  auto it = m_nameIndex.find(std::string_view(m_scratch));
+  if (it != m_nameIndex.end()) return &m_data.names[it->second];
+  if (m_data.names.size() >= kMaxNames) return &m_data.otherNames;
+  m_keys.push_back(std::make_unique<std::string>(m_scratch));
+  m_nameIndex.emplace(*m_keys.back(), m_data.names.size());
+  NameStats stats;
+  stats.type = type;
+  stats.label = std::string(label);
+  m_data.names.push_back(std::move(stats));
+  return &m_data.names.back();
+}
+
+void ReportBuilder::AddFields(const CapturedTrap& trap, size_t bucket, std::string_view label) {
+  // EM messages are looked up by the same key as their names, so one map serves both.
+  size_t nameIndex = m_nameIndex.find(std::string_view(m_scratch))->second;
+  auto it = m_emIndex.find(nameIndex);
+  if (it == m_emIndex.end()) {
+    it = m_emIndex.emplace(nameIndex, m_data.emMessages.size()).first;
+    m_data.emMessages.push_back(EmMessage{std::string(label), {}});
+  }
+  size_t messageIndex = it->second;
+  const std::vector<libtidewatch::DecodedField>& fields = trap.decoded.fields;
+  for (size_t i = 0; i < fields.size(); ++i) {
+    FieldSeries* s = SeriesFor(&m_data.emMessages[messageIndex], messageIndex, fields[i].name,
+                               trap.decoded.sim, i);
+    if (s == nullptr) {
+      ++m_data.unchartedValues;
+      continue;
+    }
+    uint64_t v = fields[i].value;
+    FieldBucket& b = s->buckets[bucket];
+    MergeField(&b, FieldBucket{v, v, v, 1});
+    if (s->count == 0) {
+      s->min = s->max = v;
+    } else {
+      s->min = std::min(s->min, v);
+      s->max = std::max(s->max, v);
+    }
+    s->last = v;
+    ++s->count;
+  }
+}
+
+FieldSeries* ReportBuilder::SeriesFor(EmMessage* message, size_t messageIndex,
+                                      std::string_view field,
+                                      const libtidewatch::TrapNumber& sim, size_t hint) {
+  field = Cut(field);
+  auto matches = [&](size_t seriesIndex) {
+    const FieldSeries& s = m_data.series[seriesIndex];
+    return s.field == field && s.sim.present == sim.present &&
+           (!sim.present || s.sim.value == sim.value);
+  };
+  // Fields come in the layout's order, so with one SIM the i-th field is usually the i-th series.
+  if (hint < message->series.size() && matches(message->series[hint])) {
+    return &m_data.series[message->series[hint]];
+  }
+  for (size_t index : message->series) {
+    if (matches(index)) return &m_data.series[index];
+  }
+  if (m_data.series.size() >= kMaxSeries) return nullptr;
+  FieldSeries s;
+  s.message = messageIndex;
+  s.field = std::string(field);
+  s.sim = ToOptional(sim);
+  s.buckets.resize(m_data.grid.capacity());
+  message->series.push_back(m_data.series.size());
+  m_data.series.push_back(std::move(s));
+  return &m_data.series.back();
+}
+
+}  // namespace capture

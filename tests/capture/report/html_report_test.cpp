@@ -1,0 +1,119 @@
+// The report page as text: hostile names stay text, nothing refers outside the page, every EM field
+// gets a chart with data, a damaged capture says where reading stopped, and write errors are told.
+#include "capture/report/html_report.h"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <set>
+#include <string>
+
+#include "capture/report/html_text.h"
+#include "capture/report/report_builder.h"
+
+namespace {
+
+using capture::HtmlReport;
+using capture::ReportBuilder;
+using libtidewatch::CapturedTrap;
+
+constexpr int64_t kT0 = 1'795'000'000'000'000;
+const char kHostile[] = "EM_<script>alert(1)</script><img src=//x.example/a onerror=\"f()\">'&";
+
+TEST(HtmlTextTest, EscapesMarkupControlsAndBrokenUtf8) {
+  const std::string bad = "\xEF\xBF\xBD";  // U+FFFD
+  const std::pair<std::string, std::string> cases[] = {
+      {"LTE_RRC_PAGING", "LTE_RRC_PAGING"},
+      {"<b a=\"1\" c='2'>&amp;", "&lt;b a=&quot;1&quot; c=&#39;2&#39;&gt;&amp;amp;"},
+      {std::string("a\0b\n\x7f", 5), "a\\x00b\\x0A\\x7F"},
+      {"\xC2\xB5s \xE2\x80\x94 \xF0\x9F\x93\xB6", "\xC2\xB5s \xE2\x80\x94 \xF0\x9F\x93\xB6"},
+      // Stray, cut, overlong and surrogate sequences: a U+FFFD per byte that starts none.
+      {"\xFF" "a\xE2\x82", bad + "a" + bad + bad},
+      {"\xC0\xAF\xED\xA0\x80", bad + bad + bad + bad + bad},
+  };
+  for (const auto& [in, expected] : cases) EXPECT_EQ(capture::Escaped(in), expected) << in;
+}
+
+TEST(HtmlTextTest, FormatsTimesAndNumbers) {
+  EXPECT_EQ(capture::UtcDateTime(kT0 + 123'456), "2026-11-18 11:06:40.123456 UTC");
+  EXPECT_EQ(capture::UtcDateTime(-1), "1969-12-31 23:59:59.999999 UTC");
+  EXPECT_EQ(capture::GroupedNumber(1'234'567), "1,234,567");
+  EXPECT_EQ(capture::ShortNumber(-2.5), "\xE2\x88\x92" "2.5");
+  const std::pair<int64_t, const char*> durations[] = {
+      {850, "850 \xC2\xB5s"}, {12'400'000, "12.4 s"}, {1'203'000'000, "20 min 3 s"},
+      {7'500'000'000, "2 h 5 min"}, {277'200'000'000, "3 d 5 h"}};
+  for (const auto& [us, text] : durations) EXPECT_EQ(capture::Duration(us), text) << us;
+}
+
+class HtmlReportTest : public ::testing::Test {
+ protected:
+  void AddEm(int64_t t, const char* name, std::vector<libtidewatch::DecodedField> fields,
+             uint64_t sim) {
+    CapturedTrap trap;
+    trap.timeUs = t;
+    trap.decoded.type = libtidewatch::TRAP_TYPE_EM;
+    trap.decoded.msgName = name;
+    trap.decoded.sim = {sim, true};
+    trap.decoded.fields = std::move(fields);
+    builder_.Add(trap);
+  }
+
+  ReportBuilder builder_;
+};
+
+TEST_F(HtmlReportTest, DrawsEveryFieldAndKeepsHostileTextAsText) {
+  for (int i = 0; i < 1100; ++i) {
+    int64_t t = kT0 + i * 50'000;
+    AddEm(t, "EM_LTE_SERVING_CELL_INFO", {{"RSRP", 100u + i % 9}, {"SINR", 20}}, i % 2);
+    AddEm(t, kHostile, {{"<i>FIELD</i>", 7}}, 0);
+    CapturedTrap ota;
+    ota.timeUs = t + 5;
+    ota.seq = i;
+    ota.decoded.type = libtidewatch::TRAP_TYPE_OTA;
+    ota.decoded.msgName = kHostile;
+    builder_.Add(ota);
+  }
+  builder_.AddToolDrop(kT0 + 1'000'000, libtidewatch::TRAP_TYPE_EM, 5);
+  builder_.SetSource("</title><script>x()</script>");
+  builder_.SetStoppedAt("at block 12 (offset 4096): <truncated>");
+  std::string page = HtmlReport(builder_.data()).Render();
+
+  EXPECT_NE(page.find("content=\"default-src 'none'; style-src 'unsafe-inline'\""),
+            std::string::npos);
+  // The hostile names are in the page, but only as text: no element, attribute or URL of theirs.
+  for (const char* banned : {"<script", "<img", "<i>", "http://", "https://", "src=\"", "href=\"",
+                             "url(", "@import"}) {
+    EXPECT_EQ(page.find(banned), std::string::npos) << banned;
+  }
+  EXPECT_NE(page.find("&lt;script&gt;alert(1)&lt;/script&gt;&lt;img src=//x.example/a"),
+            std::string::npos);
+  EXPECT_NE(page.find("stopped at block 12 (offset 4096): &lt;truncated&gt;."), std::string::npos);
+
+  // A figure per field of each message, with points and a drawn line.
+  std::regex figure("<figure class=\"card em-chart\" data-message=\"([^\"]*)\" data-field=\"([^\"]*)"
+                    "\" data-points=\"([0-9]+)\">.*?<path class=\"line\" d=\"M");
+  std::set<std::string> charts;
+  for (auto it = std::sregex_iterator(page.begin(), page.end(), figure);
+       it != std::sregex_iterator(); ++it) {
+    EXPECT_GT(std::stoul((*it)[3]), 100u) << (*it)[2];
+    charts.insert((*it)[1].str() + "/" + (*it)[2].str());
+  }
+  EXPECT_EQ(charts, (std::set<std::string>{"EM_LTE_SERVING_CELL_INFO/RSRP",
+                                           "EM_LTE_SERVING_CELL_INFO/SINR",
+                                           capture::Escaped(kHostile) + "/&lt;i&gt;FIELD&lt;/i&gt;"}));
+  EXPECT_NE(page.find("and 100 more OTA messages, not listed"), std::string::npos);
+}
+
+TEST_F(HtmlReportTest, AnEmptyCaptureStillMakesAPage) {
+  std::string page = HtmlReport(builder_.data()).Render();
+  EXPECT_NE(page.find("No traps were captured."), std::string::npos);
+  EXPECT_NE(page.find("</html>"), std::string::npos);
+}
+
+TEST_F(HtmlReportTest, WriteErrorsNameThePath) {
+  std::string error;
+  EXPECT_FALSE(HtmlReport(builder_.data()).WriteFile("/nonexistent-dir/r.html", &error));
+  EXPECT_EQ(error, "cannot write /nonexistent-dir/r.html: No such file or directory");
+}
+
+}  // namespace
