@@ -4,9 +4,10 @@ set -euo pipefail
 
 # libclang-rt-14-dev holds clang's sanitizer and libFuzzer runtimes; clang only recommends it, and
 # recommended packages are not installed below. tshark and wireshark-common (capinfos) check every
-# capture file the tests write, and run the Wireshark dissector.
+# capture file the tests write, and run the Wireshark dissector. chromium renders the capture report
+# in its browser test and makes the README's screenshot.
 packages=(build-essential cmake pkg-config python3 libjsoncpp-dev googletest libgtest-dev libgmock-dev
-  libbenchmark-dev clang libclang-rt-14-dev tshark wireshark-common "$@")
+  libbenchmark-dev clang libclang-rt-14-dev tshark wireshark-common chromium "$@")
 
 missing=()
 for p in "${packages[@]}"; do

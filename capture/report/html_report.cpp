@@ -102,7 +102,9 @@ std::string HtmlReport::Render() const {
     out.append(" \xE2\x80\x94 ");
     AppendEscaped(m_data.source, &out);
   }
-  out.append("</title>\n<style>").append(kReportStyle).append("</style>\n</head>\n<body>\n<main>\n");
+  out.append("</title>\n<style>")
+      .append(kReportStyle)
+      .append("</style>\n</head>\n<body>\n<main>\n");
   RenderHeader(&out);
   RenderSummary(&out);
   RenderDrops(&out);
@@ -121,14 +123,15 @@ void HtmlReport::RenderHeader(std::string* out) const {
   AppendEscaped(m_data.source.empty() ? std::string("capture") : m_data.source, out);
   if (m_data.traps > 0 || m_data.hasSpan) {
     out->append(" \xC2\xB7 ");
-    AppendEscaped(UtcDateTime(m_data.StartUs()) + " \xE2\x80\x93 " +
-                      UtcDateTime(m_data.EndUs()).substr(11),
-                  out);
+    AppendEscaped(
+        UtcDateTime(m_data.StartUs()) + " \xE2\x80\x93 " + UtcDateTime(m_data.EndUs()).substr(11),
+        out);
   }
   out->append("</p></header>\n");
   if (!m_data.stoppedAt.empty()) {
-    out->append("<div class=\"alert\" id=\"damaged\"><strong>The capture is damaged.</strong> "
-                "Reading stopped ");
+    out->append(
+        "<div class=\"alert\" id=\"damaged\"><strong>The capture is damaged.</strong> "
+        "Reading stopped ");
     AppendEscaped(m_data.stoppedAt, out);
     out->append(". This report shows the ").append(GroupedNumber(m_data.traps));
     out->append(" traps read before that point.</div>\n");
@@ -170,9 +173,10 @@ void HtmlReport::RenderSummary(std::string* out) const {
   if (rows.empty()) {
     out->append("<p class=\"note\">No traps were captured.</p>\n");
   } else {
-    out->append("<div class=\"tablewrap tall\"><table id=\"messages\"><thead><tr><th>Message</th>"
-                "<th>Type</th><th class=\"n\">Traps</th><th class=\"n\">Share</th>"
-                "<th class=\"n\">Rate</th><th class=\"n\">Bytes</th></tr></thead><tbody>");
+    out->append(
+        "<div class=\"tablewrap tall\"><table id=\"messages\"><thead><tr><th>Message</th>"
+        "<th>Type</th><th class=\"n\">Traps</th><th class=\"n\">Share</th>"
+        "<th class=\"n\">Rate</th><th class=\"n\">Bytes</th></tr></thead><tbody>");
     for (const NameStats* n : rows) {
       out->append("<tr>");
       Cell("name", n->label, out);
@@ -197,13 +201,15 @@ void HtmlReport::RenderDrops(std::string* out) const {
   const ReportData& d = m_data;
   out->append("<h3>Drops</h3>");
   if (d.drops.empty()) {
-    out->append("<p class=\"note\" id=\"nodrops\">No traps were reported lost, by the service or "
-                "by this tool.</p></section>\n");
+    out->append(
+        "<p class=\"note\" id=\"nodrops\">No traps were reported lost, by the service or "
+        "by this tool.</p></section>\n");
     return;
   }
-  out->append("<div class=\"tablewrap tall\"><table id=\"drops\"><thead><tr><th>Time (UTC)</th>"
-              "<th class=\"n\">Since start</th><th>Dropped by</th><th class=\"n\">Traps</th>"
-              "<th>Of type</th></tr></thead><tbody>");
+  out->append(
+      "<div class=\"tablewrap tall\"><table id=\"drops\"><thead><tr><th>Time (UTC)</th>"
+      "<th class=\"n\">Since start</th><th>Dropped by</th><th class=\"n\">Traps</th>"
+      "<th>Of type</th></tr></thead><tbody>");
   for (const DropEvent& e : d.drops) {
     uint64_t sum = 0;
     for (uint64_t n : e.counts) sum += n;
@@ -244,8 +250,14 @@ void HtmlReport::RenderRates(std::string* out) const {
     line.colour = TypeColour(t);
     for (size_t b = 0; b < d.grid.used(); ++b) {
       int64_t from = d.grid.BucketStartUs(b);
-      if (from + width <= start || from > end) continue;
-      double rate = d.typeBuckets[b].traps[t] / (width / 1e6);
+      // A slice cut by the capture's start or end holds fewer traps: divide by the time it
+      // covers, and leave out a sliver too short to give a rate.
+      int64_t covered = std::min(from + width, end) - std::max(from, start);
+      if (covered < width / 4) {
+        if (end - start >= width / 4) continue;
+        covered = width;  // the whole capture is a sliver
+      }
+      double rate = d.typeBuckets[b].traps[t] / (covered / 1e6);
       line.points.push_back({from + width / 2, rate, rate, rate});
     }
     LegendItem("c" + std::to_string(line.colour), TypeName(t), out);
@@ -258,13 +270,15 @@ void HtmlReport::RenderRates(std::string* out) const {
     int64_t at = d.grid.BucketStartUs(b) + width / 2;
     if (tb.serviceDrops > 0) {
       service = true;
-      chart.AddMarker({at, 0, GroupedNumber(tb.serviceDrops) + " traps dropped by the service near " +
-                                  UtcTimeOfDay(at)});
+      chart.AddMarker({at, 0,
+                       GroupedNumber(tb.serviceDrops) + " traps dropped by the service near " +
+                           UtcTimeOfDay(at)});
     }
     if (tb.toolDrops > 0) {
       tool = true;
-      chart.AddMarker({at, 1, GroupedNumber(tb.toolDrops) + " traps dropped by this tool near " +
-                                  UtcTimeOfDay(at)});
+      chart.AddMarker(
+          {at, 1,
+           GroupedNumber(tb.toolDrops) + " traps dropped by this tool near " + UtcTimeOfDay(at)});
     }
   }
   if (service) LegendItem("mk m0", "dropped by the service", out);
@@ -280,12 +294,14 @@ void HtmlReport::RenderEmCharts(std::string* out) const {
   const ReportData& d = m_data;
   out->append("<section id=\"em\"><h2>EM values</h2>");
   if (d.series.empty()) {
-    out->append("<p class=\"note\">No EM message with numeric fields was captured.</p>"
-                "</section>\n");
+    out->append(
+        "<p class=\"note\">No EM message with numeric fields was captured.</p>"
+        "</section>\n");
     return;
   }
-  out->append("<p class=\"note\">Raw values, as the modem sends them: the layout gives no units. "
-              "Each chart is one field of one message; a line per SIM.</p><div class=\"charts\">");
+  out->append(
+      "<p class=\"note\">Raw values, as the modem sends them: the layout gives no units. "
+      "Each chart is one field of one message; a line per SIM.</p><div class=\"charts\">");
   const int64_t start = d.StartUs();
   const int64_t end = d.EndUs();
   const int64_t width = d.grid.widthUs();
@@ -352,10 +368,11 @@ void HtmlReport::RenderOta(std::string* out) const {
     out->append("<p class=\"note\">No OTA messages were captured.</p></section>\n");
     return;
   }
-  out->append("<div class=\"tablewrap tall\"><table id=\"ota-table\"><thead><tr>"
-              "<th class=\"n\">Trap</th><th>Time (UTC)</th><th class=\"n\">Since start</th>"
-              "<th>SIM</th><th>Message</th><th>Trace</th><th class=\"n\">PDU length</th>"
-              "</tr></thead><tbody>");
+  out->append(
+      "<div class=\"tablewrap tall\"><table id=\"ota-table\"><thead><tr>"
+      "<th class=\"n\">Trap</th><th>Time (UTC)</th><th class=\"n\">Since start</th>"
+      "<th>SIM</th><th>Message</th><th>Trace</th><th class=\"n\">PDU length</th>"
+      "</tr></thead><tbody>");
   for (const OtaEntry& e : d.ota) {
     out->append("<tr>");
     Cell("n", std::to_string(e.seq), out);
@@ -382,8 +399,7 @@ bool HtmlReport::WriteFile(const std::string& path, std::string* error) const {
     *error = "cannot write " + path + ": " + strerror(errno);
     return false;
   }
-  if (fwrite(page.data(), 1, page.size(), file.get()) != page.size() ||
-      fflush(file.get()) != 0) {
+  if (fwrite(page.data(), 1, page.size(), file.get()) != page.size() || fflush(file.get()) != 0) {
     *error = "cannot write " + path + ": " + strerror(errno);
     return false;
   }

@@ -51,12 +51,28 @@ void AppendEscaped(std::string_view text, std::string* out) {
   while (i < text.size()) {
     char c = text[i];
     switch (c) {
-      case '&': out->append("&amp;"); ++i; continue;
-      case '<': out->append("&lt;"); ++i; continue;
-      case '>': out->append("&gt;"); ++i; continue;
-      case '"': out->append("&quot;"); ++i; continue;
-      case '\'': out->append("&#39;"); ++i; continue;
-      default: break;
+      case '&':
+        out->append("&amp;");
+        ++i;
+        continue;
+      case '<':
+        out->append("&lt;");
+        ++i;
+        continue;
+      case '>':
+        out->append("&gt;");
+        ++i;
+        continue;
+      case '"':
+        out->append("&quot;");
+        ++i;
+        continue;
+      case '\'':
+        out->append("&#39;");
+        ++i;
+        continue;
+      default:
+        break;
     }
     unsigned char u = static_cast<unsigned char>(c);
     if (u < 0x20 || u == 0x7F) {

@@ -13,9 +13,7 @@ using libtidewatch::TRAP_TYPE_NUM;
 
 namespace {
 
-std::string_view Cut(std::string_view text) {
-  return text.substr(0, ReportBuilder::kMaxTextBytes);
-}
+std::string_view Cut(std::string_view text) { return text.substr(0, ReportBuilder::kMaxTextBytes); }
 
 OptionalNumber ToOptional(const libtidewatch::TrapNumber& n) { return {n.value, n.present}; }
 
@@ -61,8 +59,7 @@ void MergeTypes(TypeBucket* into, const TypeBucket& from) {
 
 }  // namespace
 
-ReportBuilder::ReportBuilder()
-    : m_data(kGridBuckets, kInitialBucketUs) {
+ReportBuilder::ReportBuilder() : m_data(kGridBuckets, kInitialBucketUs) {
   m_data.typeBuckets.resize(m_data.grid.capacity());
   m_data.otherNames.label = "(other names)";
 }
@@ -115,8 +112,8 @@ void ReportBuilder::Add(const CapturedTrap& trap) {
       entry.seq = trap.seq;
       entry.sim = ToOptional(decoded.sim);
       entry.message = decoded.msgName ? std::string(Cut(*decoded.msgName)) : Unnamed(decoded.msgId);
-      entry.trace = decoded.traceName ? std::string(Cut(*decoded.traceName))
-                                      : Unnamed(decoded.traceId);
+      entry.trace =
+          decoded.traceName ? std::string(Cut(*decoded.traceName)) : Unnamed(decoded.traceId);
       entry.pduLength = ToOptional(decoded.pduLength);
       m_data.ota.push_back(std::move(entry));
     } else {
@@ -216,8 +213,8 @@ void ReportBuilder::AddFields(const CapturedTrap& trap, size_t bucket, std::stri
 }
 
 FieldSeries* ReportBuilder::SeriesFor(EmMessage* message, size_t messageIndex,
-                                      std::string_view field,
-                                      const libtidewatch::TrapNumber& sim, size_t hint) {
+                                      std::string_view field, const libtidewatch::TrapNumber& sim,
+                                      size_t hint) {
   field = Cut(field);
   auto matches = [&](size_t seriesIndex) {
     const FieldSeries& s = m_data.series[seriesIndex];

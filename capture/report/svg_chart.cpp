@@ -53,12 +53,12 @@ void AppendText(double x, double y, const char* cls, const std::string& text, st
 }
 
 std::string TimeLabel(int64_t timeUs, int64_t stepUs) {
-  std::string t = UtcTimeOfDay(timeUs);  // "01:02:03.123456"
+  std::string t = UtcTimeOfDay(timeUs);                                      // "01:02:03.123456"
   if (stepUs >= 86400 * kSecondUs) return UtcDateTime(timeUs).substr(5, 5);  // "11-23"
   if (stepUs >= 60 * kSecondUs) return t.substr(0, 5);
   if (stepUs >= kSecondUs) return t.substr(0, 8);
   if (stepUs >= 1000) return t.substr(3, 9);  // "02:03.123"
-  return t.substr(6);                          // "03.123456"
+  return t.substr(6);                         // "03.123456"
 }
 
 }  // namespace
@@ -80,12 +80,43 @@ double SvgChart::ValueStep(double range, int count) {
 }
 
 int64_t SvgChart::TimeStep(int64_t spanUs, int count) {
-  static const int64_t kSteps[] = {
-      1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000, 20000, 50000, 100000, 200000,
-      500000, kSecondUs, 2 * kSecondUs, 5 * kSecondUs, 10 * kSecondUs, 15 * kSecondUs,
-      30 * kSecondUs, 60 * kSecondUs, 120 * kSecondUs, 300 * kSecondUs, 600 * kSecondUs,
-      900 * kSecondUs, 1800 * kSecondUs, 3600 * kSecondUs, 7200 * kSecondUs, 10800 * kSecondUs,
-      21600 * kSecondUs, 43200 * kSecondUs, 86400 * kSecondUs, 7 * 86400 * kSecondUs};
+  static const int64_t kSteps[] = {1,
+                                   2,
+                                   5,
+                                   10,
+                                   20,
+                                   50,
+                                   100,
+                                   200,
+                                   500,
+                                   1000,
+                                   2000,
+                                   5000,
+                                   10000,
+                                   20000,
+                                   50000,
+                                   100000,
+                                   200000,
+                                   500000,
+                                   kSecondUs,
+                                   2 * kSecondUs,
+                                   5 * kSecondUs,
+                                   10 * kSecondUs,
+                                   15 * kSecondUs,
+                                   30 * kSecondUs,
+                                   60 * kSecondUs,
+                                   120 * kSecondUs,
+                                   300 * kSecondUs,
+                                   600 * kSecondUs,
+                                   900 * kSecondUs,
+                                   1800 * kSecondUs,
+                                   3600 * kSecondUs,
+                                   7200 * kSecondUs,
+                                   10800 * kSecondUs,
+                                   21600 * kSecondUs,
+                                   43200 * kSecondUs,
+                                   86400 * kSecondUs,
+                                   7 * 86400 * kSecondUs};
   int64_t raw = spanUs / std::max(count, 1);
   for (int64_t step : kSteps) {
     if (raw <= step) return step;

@@ -29,7 +29,9 @@ class TimeGrid {
   size_t capacity() const { return m_capacity; }
   int64_t widthUs() const { return m_width; }
   // Start time of bucket `index`.
-  int64_t BucketStartUs(size_t index) const { return m_origin + static_cast<int64_t>(index) * m_width; }
+  int64_t BucketStartUs(size_t index) const {
+    return m_origin + static_cast<int64_t>(index) * m_width;
+  }
   // One past the highest bucket used so far (0 when empty).
   size_t used() const { return m_started ? static_cast<size_t>(m_hi) + 1 : 0; }
 

@@ -28,7 +28,9 @@ TEST(HtmlTextTest, EscapesMarkupControlsAndBrokenUtf8) {
       {std::string("a\0b\n\x7f", 5), "a\\x00b\\x0A\\x7F"},
       {"\xC2\xB5s \xE2\x80\x94 \xF0\x9F\x93\xB6", "\xC2\xB5s \xE2\x80\x94 \xF0\x9F\x93\xB6"},
       // Stray, cut, overlong and surrogate sequences: a U+FFFD per byte that starts none.
-      {"\xFF" "a\xE2\x82", bad + "a" + bad + bad},
+      {"\xFF"
+       "a\xE2\x82",
+       bad + "a" + bad + bad},
       {"\xC0\xAF\xED\xA0\x80", bad + bad + bad + bad + bad},
   };
   for (const auto& [in, expected] : cases) EXPECT_EQ(capture::Escaped(in), expected) << in;
@@ -38,10 +40,14 @@ TEST(HtmlTextTest, FormatsTimesAndNumbers) {
   EXPECT_EQ(capture::UtcDateTime(kT0 + 123'456), "2026-11-18 11:06:40.123456 UTC");
   EXPECT_EQ(capture::UtcDateTime(-1), "1969-12-31 23:59:59.999999 UTC");
   EXPECT_EQ(capture::GroupedNumber(1'234'567), "1,234,567");
-  EXPECT_EQ(capture::ShortNumber(-2.5), "\xE2\x88\x92" "2.5");
-  const std::pair<int64_t, const char*> durations[] = {
-      {850, "850 \xC2\xB5s"}, {12'400'000, "12.4 s"}, {1'203'000'000, "20 min 3 s"},
-      {7'500'000'000, "2 h 5 min"}, {277'200'000'000, "3 d 5 h"}};
+  EXPECT_EQ(capture::ShortNumber(-2.5),
+            "\xE2\x88\x92"
+            "2.5");
+  const std::pair<int64_t, const char*> durations[] = {{850, "850 \xC2\xB5s"},
+                                                       {12'400'000, "12.4 s"},
+                                                       {1'203'000'000, "20 min 3 s"},
+                                                       {7'500'000'000, "2 h 5 min"},
+                                                       {277'200'000'000, "3 d 5 h"}};
   for (const auto& [us, text] : durations) EXPECT_EQ(capture::Duration(us), text) << us;
 }
 
@@ -81,8 +87,8 @@ TEST_F(HtmlReportTest, DrawsEveryFieldAndKeepsHostileTextAsText) {
   EXPECT_NE(page.find("content=\"default-src 'none'; style-src 'unsafe-inline'\""),
             std::string::npos);
   // The hostile names are in the page, but only as text: no element, attribute or URL of theirs.
-  for (const char* banned : {"<script", "<img", "<i>", "http://", "https://", "src=\"", "href=\"",
-                             "url(", "@import"}) {
+  for (const char* banned :
+       {"<script", "<img", "<i>", "http://", "https://", "src=\"", "href=\"", "url(", "@import"}) {
     EXPECT_EQ(page.find(banned), std::string::npos) << banned;
   }
   EXPECT_NE(page.find("&lt;script&gt;alert(1)&lt;/script&gt;&lt;img src=//x.example/a"),
@@ -90,17 +96,18 @@ TEST_F(HtmlReportTest, DrawsEveryFieldAndKeepsHostileTextAsText) {
   EXPECT_NE(page.find("stopped at block 12 (offset 4096): &lt;truncated&gt;."), std::string::npos);
 
   // A figure per field of each message, with points and a drawn line.
-  std::regex figure("<figure class=\"card em-chart\" data-message=\"([^\"]*)\" data-field=\"([^\"]*)"
-                    "\" data-points=\"([0-9]+)\">.*?<path class=\"line\" d=\"M");
+  std::regex figure(
+      "<figure class=\"card em-chart\" data-message=\"([^\"]*)\" data-field=\"([^\"]*)"
+      "\" data-points=\"([0-9]+)\">.*?<path class=\"line\" d=\"M");
   std::set<std::string> charts;
   for (auto it = std::sregex_iterator(page.begin(), page.end(), figure);
        it != std::sregex_iterator(); ++it) {
     EXPECT_GT(std::stoul((*it)[3]), 100u) << (*it)[2];
     charts.insert((*it)[1].str() + "/" + (*it)[2].str());
   }
-  EXPECT_EQ(charts, (std::set<std::string>{"EM_LTE_SERVING_CELL_INFO/RSRP",
-                                           "EM_LTE_SERVING_CELL_INFO/SINR",
-                                           capture::Escaped(kHostile) + "/&lt;i&gt;FIELD&lt;/i&gt;"}));
+  EXPECT_EQ(charts,
+            (std::set<std::string>{"EM_LTE_SERVING_CELL_INFO/RSRP", "EM_LTE_SERVING_CELL_INFO/SINR",
+                                   capture::Escaped(kHostile) + "/&lt;i&gt;FIELD&lt;/i&gt;"}));
   EXPECT_NE(page.find("and 100 more OTA messages, not listed"), std::string::npos);
 }
 

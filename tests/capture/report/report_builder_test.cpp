@@ -65,11 +65,10 @@ TEST_F(ReportBuilderTest, CountsPerNameAndKeepsCopies) {
   EXPECT_EQ(data().EndUs(), kT0 + 30);
   std::vector<std::pair<std::string, uint64_t>> names;
   for (const auto& n : data().names) names.emplace_back(n.label, n.count);
-  EXPECT_EQ(names, (std::vector<std::pair<std::string, uint64_t>>{
-                       {"EM_LTE_SERVING_CELL_INFO", 2},
-                       {"LTE_RRC_PAGING", 1},
-                       {"EM #2001", 1},
-                       {"VoLTE", 1}}));
+  EXPECT_EQ(
+      names,
+      (std::vector<std::pair<std::string, uint64_t>>{
+          {"EM_LTE_SERVING_CELL_INFO", 2}, {"LTE_RRC_PAGING", 1}, {"EM #2001", 1}, {"VoLTE", 1}}));
   ASSERT_EQ(data().series.size(), 1u);
   const capture::FieldSeries& rsrp = data().series[0];
   EXPECT_EQ(data().emMessages[rsrp.message].name, "EM_LTE_SERVING_CELL_INFO");
