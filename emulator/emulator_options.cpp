@@ -1,6 +1,7 @@
 #include "emulator/emulator_options.h"
 
 #include <errno.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -21,9 +22,11 @@ bool ParseNumber(const std::string& text, uint64_t min, uint64_t max, uint64_t* 
 
 bool TakesValue(const std::string& name) {
   static const char* const kWithValue[] = {
-      "manager-secret", "root-secret",   "first-session-id",    "max-sessions", "max-subscriptions",
-      "max-clients",    "max-callbacks", "callback-timeout-ms", "fault",        "trap-rate",
-      "trap-size",      "trap-replay"};
+      "manager-secret", "root-secret",         "first-session-id",
+      "max-sessions",   "max-subscriptions",   "max-clients",
+      "max-callbacks",  "callback-timeout-ms", "fault",
+      "trap-rate",      "trap-size",           "trap-replay",
+      "layout"};
   for (const char* n : kWithValue) {
     if (name == n) return true;
   }
@@ -81,6 +84,12 @@ bool Apply(const std::string& name, const std::string& value, EmulatorOptions* o
       return false;
     }
     o->trapReplay = value;
+  } else if (name == "layout") {
+    if (value.empty()) {
+      *error = "--layout wants a file name";
+      return false;
+    }
+    o->layout = value;
   } else if (name == "aidl") {
     o->aidl = true;
   } else if (name == "hidl") {
@@ -130,6 +139,20 @@ bool ParseEmulatorOptions(int argc, const char* const* argv, EmulatorOptions* op
   return true;
 }
 
+std::string DefaultLayoutPath() {
+  static const char kName[] = "twd_layout_desc.dat";
+  char exe[4096];
+  ssize_t n = readlink("/proc/self/exe", exe, sizeof(exe) - 1);
+  if (n > 0) {
+    std::string dir(exe, static_cast<size_t>(n));
+    dir.erase(dir.rfind('/') + 1);
+    for (const std::string& candidate : {dir + kName, dir + "../resources/" + kName}) {
+      if (access(candidate.c_str(), R_OK) == 0) return candidate;
+    }
+  }
+  return TIDEWATCH_SAMPLE_LAYOUT;
+}
+
 std::string EmulatorUsage() {
   return "Usage: tidewatch_hal_emulator [options]\n"
          "  --aidl, --hidl              endpoints to publish (default: both)\n"
@@ -151,6 +174,10 @@ std::string EmulatorUsage() {
          std::to_string(kMaxTrapSize) +
          ")\n"
          "  --trap-replay=FILE          replay the trap records of FILE instead\n"
+         "  --layout=FILE               layout description file of synthetic traps (default:\n"
+         "                              " +
+         DefaultLayoutPath() +
+         ")\n"
          "  --help                      this text\n";
 }
 

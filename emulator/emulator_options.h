@@ -37,12 +37,18 @@ struct EmulatorOptions {
   bool trapRateGiven = false;
   size_t trapSize = 16;
   std::string trapReplay;
+  std::string layout;  // empty: DefaultLayoutPath()
   bool help = false;
 };
 
 // Parses argv[1..argc); false with a one-line reason in `error` on any bad option or value.
 bool ParseEmulatorOptions(int argc, const char* const* argv, EmulatorOptions* options,
                           std::string* error);
+
+// The layout file that synthetic traps follow when --layout is not given: the repository's sample,
+// found beside the binary (bin/twd_layout_desc.dat or ../resources/ from it), else where the build
+// put the source tree, wherever the emulator is started from.
+std::string DefaultLayoutPath();
 
 // The usage text, one option per line.
 std::string EmulatorUsage();

@@ -18,6 +18,7 @@
 #include "emulator/trap_records.h"
 #include "emulator/trap_source.h"
 #include "libtidewatch/platform/log.h"
+#include "libtidewatch/trap/frame_decoder.h"
 
 namespace {
 
@@ -69,8 +70,18 @@ int main(int argc, char** argv) {
     fprintf(stderr, "tidewatch_hal_emulator: %s\n", error.c_str());
     return 1;
   }
-  TrapSource source =
-      options.trapReplay.empty() ? TrapSource(options.trapSize) : TrapSource(std::move(replay));
+  // Synthetic traps follow the layout file; replayed ones are sent as they are and need none.
+  libtidewatch::FrameDecoder layout;
+  if (options.trapReplay.empty()) {
+    const std::string path = options.layout.empty() ? DefaultLayoutPath() : options.layout;
+    if (!layout.LoadFromDESC(path.c_str())) {
+      fprintf(stderr, "tidewatch_hal_emulator: cannot load the layout description file %s\n",
+              path.c_str());
+      return 1;
+    }
+  }
+  TrapSource source = options.trapReplay.empty() ? TrapSource(&layout, options.trapSize)
+                                                 : TrapSource(std::move(replay));
 
   SessionTable sessions(options.firstSessionId, options.limits);
   CommandProcessor processor(&sessions, options.secrets);

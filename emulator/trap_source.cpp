@@ -5,7 +5,8 @@
 
 namespace hal_emulator {
 
-TrapSource::TrapSource(size_t payloadSize) : m_replay(false), m_payloadSize(payloadSize) {}
+TrapSource::TrapSource(const libtidewatch::FrameDecoder* layout, size_t payloadSize)
+    : m_replay(false), m_synthetic(std::in_place, layout, payloadSize) {}
 
 TrapSource::TrapSource(std::vector<ReplayRecord> records)
     : m_replay(true), m_records(std::move(records)) {}
@@ -21,11 +22,11 @@ bool TrapSource::Next(const DeliveringSession& session, std::vector<uint8_t>* ou
   }
   if (session.subscriptions.empty()) return false;
   const auto& subscription = session.subscriptions[position % session.subscriptions.size()];
-  std::vector<uint8_t> payload =
-      SyntheticTrapPayload(subscription.second, static_cast<uint32_t>(position), m_payloadSize);
+  m_synthetic->Build(subscription.first, subscription.second, static_cast<uint32_t>(position),
+                     &m_payload);
   ++position;
   *type = static_cast<uint8_t>(subscription.first);
-  AppendTrapRecord(*type, payload.data(), payload.size(), out);
+  AppendTrapRecord(*type, m_payload.data(), m_payload.size(), out);
   return true;
 }
 

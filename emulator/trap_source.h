@@ -5,17 +5,20 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <vector>
 
 #include "emulator/session_table.h"
+#include "emulator/synthetic_traps.h"
 #include "emulator/trap_records.h"
 
 namespace hal_emulator {
 
 class TrapSource {
  public:
-  // Synthetic traps of `payloadSize` bytes.
-  explicit TrapSource(size_t payloadSize);
+  // Synthetic traps laid out by `layout` (which must outlive the source), of `payloadSize` bytes
+  // where the layout leaves room.
+  TrapSource(const libtidewatch::FrameDecoder* layout, size_t payloadSize);
   // Replays `records` to every session, from the first record each time the session starts
   // receiving, and once: a session that has had them all gets nothing more.
   explicit TrapSource(std::vector<ReplayRecord> records);
@@ -29,7 +32,8 @@ class TrapSource {
 
  private:
   bool m_replay;
-  size_t m_payloadSize = 0;
+  std::optional<SyntheticTraps> m_synthetic;
+  std::vector<uint8_t> m_payload;  // reused for every synthetic trap
   std::vector<ReplayRecord> m_records;
   std::map<uint64_t, uint64_t> m_position;  // session id -> traps sent so far
 };

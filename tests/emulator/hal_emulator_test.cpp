@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -14,6 +15,8 @@
 #include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/transport/data_queue.h"
 #include "libtidewatch/transport/mcp_handler.h"
+#include "libtidewatch/trap/frame_decoder.h"
+#include "libtidewatch/trap/trap_decoder.h"
 #include "libtidewatch/trap/trap_packer.h"
 #include "tests/support/emulator_process.h"
 
@@ -127,7 +130,8 @@ class HalEmulatorTest : public testing::Test {
     EXPECT_EQ(trap.GetTrapType(), TRAP_TYPE_OTA);
     EXPECT_GE(trap.GetTrapDataLength(), 8u);
     if (!trap.IsInitialized() || trap.GetTrapDataLength() < 8) return 0;
-    EXPECT_EQ(trap.GetTrapData()[0], 11);
+    // An id the layout does not know sits where the sample layout puts the trace id.
+    EXPECT_EQ(trap.GetTrapData()[4], 11);
     return trap.GetDiscardInfo(TRAP_TYPE_OTA);
   }
 
@@ -246,6 +250,95 @@ TEST_F(HalEmulatorTest, TrapsThroughTheDestinationSocket) {
     ASSERT_EQ(recv(receiver, wire.data(), wire.size(), MSG_WAITALL), ssize_t(wire.size()));
     EXPECT_EQ(CheckTrap(wire), 0u);
   }
+  close(receiver);
+  close(listener);
+}
+
+// Synthetic traps follow the sample layout, which the emulator finds by itself: decoded with it,
+// they give back the subscribed messages in turn, with a sequence number (bytes 0 to 3, which the
+// sample leaves free) that has no gap, every field of a known message, its peers, and a master
+// information block whose system frame number advances.
+TEST_F(HalEmulatorTest, SyntheticTrapsFollowTheLayout) {
+  std::string destination = Destination();
+  int listener = ListenAbstract(destination, 4);
+  ASSERT_GE(listener, 0);
+  timeval deadline{5, 0};
+  ASSERT_EQ(setsockopt(listener, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline)), 0);
+  ASSERT_TRUE(emulator_.Start({"--trap-rate", "200"}));
+  LinkClient commands;
+  uint64_t id = commands.Command(kCreate)["data"]["sessionId"].asUInt64();
+  const std::string sid = R"("sessionId":)" + std::to_string(id);
+  const std::vector<std::pair<const char*, int>> subscriptions = {
+      {"EM", 2000}, {"EM", 2001}, {"EM", 9999}, {"OTA", 1000}, {"OTA", 1003}};
+  for (const auto& [type, msgId] : subscriptions) {
+    ASSERT_EQ(
+        commands.Command(R"({"api":"Tidewatch.Trap","method":"subscribe","version":1,)"
+                         R"("arg":{"async":0,"msgId":)" +
+                         std::to_string(msgId) + R"(,"type":")" + type + "\"," + sid + "}}")["ret"],
+        0);
+  }
+  ASSERT_EQ(commands.Command(R"({"api":"Tidewatch.Trap.Receiver","method":"set","version":1,)"
+                             R"("arg":{"server_name":")" +
+                             destination + "\"," + sid + "}}")["ret"],
+            0);
+  ASSERT_EQ(commands.Command(R"({"api":"Tidewatch.Trap","method":"enable","version":1,"arg":{)" +
+                             sid + "}}")["ret"],
+            0);
+  int receiver = accept(listener, nullptr, nullptr);
+  ASSERT_GE(receiver, 0);
+  ASSERT_EQ(setsockopt(receiver, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline)), 0);
+
+  FrameDecoder layout;
+  ASSERT_TRUE(layout.LoadFromDESC(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat"));
+  const TrapDecoder decoder(layout);
+  // OTA before EM (by type value), then in subscription order.
+  const char* const expected[] = {
+      "LTE_RRC_MASTER_INFORMATION_BLOCK OTA_TRACE_LTE_RRC pdu=3",
+      "LTE_RRC_PAGING OTA_TRACE_LTE_RRC pdu=1",
+      "EM_LTE_SERVING_CELL_INFO EARFCN PCI RSRP RSRQ SINR",
+      "EM_LTE_NEIGHBOUR_CELL_INFO CELL_COUNT CELL_LIST peers",
+      "9999",
+  };
+  std::vector<uint8_t> mibFrames;
+  for (uint32_t seq = 0; seq < 15; ++seq) {
+    Bytes header(kMcpHeaderSize);
+    ASSERT_EQ(recv(receiver, header.data(), header.size(), MSG_WAITALL), ssize_t(header.size()));
+    uint32_t length = 0;
+    memcpy(&length, header.data() + 6, 4);
+    ASSERT_LE(length, kMcpMaxPayload);
+    Bytes wire = header;
+    wire.resize(header.size() + length);
+    ASSERT_EQ(recv(receiver, wire.data() + header.size(), length, MSG_WAITALL), ssize_t(length));
+    MCPInfo packet;
+    ASSERT_TRUE(MCPHandler::ProcessFromBuffer(wire.data(), wire.size(), packet, nullptr));
+    TrapPacker trap(packet.data, packet.length);
+    ASSERT_TRUE(trap.IsInitialized());
+    DecodedTrap d;
+    decoder.Decode(trap.GetTrapType(), trap.GetTrapData(), trap.GetTrapDataLength(), &d);
+    ASSERT_GE(d.payload.size, 16u);  // the default --trap-size, or more where the layout needs it
+    uint32_t sequence = 0;
+    memcpy(&sequence, d.payload.data, 4);
+    EXPECT_EQ(sequence, seq);
+
+    std::string seen = d.msgName ? std::string(*d.msgName) : std::to_string(d.msgId.value);
+    if (d.traceName) seen += " " + std::string(*d.traceName);
+    if (d.pduPresent && !d.pduTruncated && d.pduLength.value == d.pdu.size) {
+      seen += " pdu=" + std::to_string(d.pdu.size);
+    }
+    for (const DecodedField& f : d.fields) seen += " " + std::string(f.name);
+    if (d.peersPresent && d.peerCount.present && !d.fields.empty() && d.fields[0].value == d.peerCount.value &&
+        d.peers.size >= 4 * d.peerCount.value) {
+      seen += " peers";
+    }
+    EXPECT_EQ(seen, expected[seq % 5]) << seq;
+    EXPECT_EQ(d.sim.value, 0u);
+    if (seq % 5 == 0 && d.pdu.size == 3) mibFrames.push_back(d.pdu.data[1]);
+  }
+  // The eight high bits of the frame number straddle the PDU's first two bytes: 5 traps apart,
+  // the second byte moves by 5 << 2.
+  ASSERT_EQ(mibFrames.size(), 3u);
+  EXPECT_EQ(uint8_t(mibFrames[1] - mibFrames[0]), 20);
+  EXPECT_EQ(uint8_t(mibFrames[2] - mibFrames[1]), 20);
   close(receiver);
   close(listener);
 }
