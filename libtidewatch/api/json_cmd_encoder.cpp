@@ -180,22 +180,35 @@ int32_t JsonCmdEncoder::SendTrapCommand(MONITOR_CMD_CODE code, uint64_t doerId, 
   return SendCommand(code, request);
 }
 
-uint64_t JsonCmdEncoder::CreateSession(const char* secret) {
+bool JsonCmdEncoder::CreateSessionReply(const char* secret, int32_t* result, uint64_t* sessionId) {
   Json::Value request(Json::objectValue);
   if (secret != nullptr) request["arg"]["secret"] = secret;
   Json::Value reply;
+  if (!Execute(MONITOR_CMD_CREATE_SESSION, request, reply, result)) return false;
+  if (*result != 0) return true;
+  if (!JsonReplyChecker::CheckMember(reply, "data", Kind::kObject) ||
+      !JsonReplyChecker::CheckMember(reply["data"], "sessionId", Kind::kNumber)) {
+    *result = MONITOR_RESULT_BAD_REPLY;
+    return false;
+  }
+  *sessionId = JsonReplyChecker::ToUInt64(reply["data"]["sessionId"]);
+  return true;
+}
+
+uint64_t JsonCmdEncoder::CreateSession(const char* secret) {
   int32_t result = 0;
-  if (!Execute(MONITOR_CMD_CREATE_SESSION, request, reply, &result)) {
-    return static_cast<uint64_t>(result);
-  }
+  uint64_t sessionId = 0;
+  if (!CreateSessionReply(secret, &result, &sessionId)) return static_cast<uint64_t>(result);
   // A refusal reads as session id 0, which is how the caller recognises a failure.
-  if (result != 0) return 0;
-  if (!JsonReplyChecker::CheckMember(reply, "data", Kind::kObject)) return MONITOR_RESULT_BAD_REPLY;
-  const Json::Value& data = reply["data"];
-  if (!JsonReplyChecker::CheckMember(data, "sessionId", Kind::kNumber)) {
-    return MONITOR_RESULT_BAD_REPLY;
-  }
-  return JsonReplyChecker::ToUInt64(data["sessionId"]);
+  return result == 0 ? sessionId : 0;
+}
+
+int32_t JsonCmdEncoder::CreateSession(const char* secret, uint64_t* sessionId) {
+  int32_t result = 0;
+  uint64_t id = 0;
+  CreateSessionReply(secret, &result, &id);
+  if (result == 0) *sessionId = id;
+  return result;
 }
 
 int32_t JsonCmdEncoder::CloseSession(uint64_t doerId, uint64_t sessionId) {

@@ -36,6 +36,10 @@ class JsonCmdEncoder {
   // new session id, 0 when the service refused, MONITOR_RESULT_SEND_FAILED or
   // MONITOR_RESULT_BAD_REPLY otherwise: the caller treats only 0 as a failure.
   uint64_t CreateSession(const char* secret);
+  // The same command for callers that must tell a failure from an id: returns 0 with the new id
+  // in `*sessionId`, or the failure (the service's "ret", or SEND_FAILED or BAD_REPLY) with
+  // `*sessionId` left as it was.
+  int32_t CreateSession(const char* secret, uint64_t* sessionId);
   int32_t CloseSession(uint64_t doerId, uint64_t sessionId);
   // BAD_ARGUMENT for a type without a name (anything but 2 to 8). `async` is sent as 1 or 0.
   int32_t SubscribeTrap(uint64_t doerId, uint64_t sessionId, TRAP_TYPE type, uint64_t msgId,
@@ -72,6 +76,9 @@ class JsonCmdEncoder {
   int32_t SendSessionCommand(MONITOR_CMD_CODE code, uint64_t doerId, uint64_t sessionId);
   int32_t SendTrapCommand(MONITOR_CMD_CODE code, uint64_t doerId, uint64_t sessionId,
                           TRAP_TYPE type, uint64_t msgId, bool async);
+  // Both CreateSession calls: false when the encoder failed (its code in `*result`), true when the
+  // service answered (its "ret" in `*result`, and the id in `*sessionId` on success).
+  bool CreateSessionReply(const char* secret, int32_t* result, uint64_t* sessionId);
 };
 
 }  // namespace libtidewatch

@@ -21,6 +21,10 @@ class HalCallbackTarget {
  public:
   virtual ~HalCallbackTarget() = default;
   virtual bool OnServiceData(const uint8_t* data, size_t len) = 0;
+  // Called once, on the platform's thread, when the service will call this target no more
+  // through the registration it came by: on a host when the callback connection closes (a service
+  // drops a callback that answers too late, or dies). A device never calls it.
+  virtual void OnCallbackClosed() {}
 };
 
 // Called once per linked handle when the service behind it dies, on a platform thread that is

@@ -4,6 +4,7 @@
 // of its own, and on a device wraps them in the binder or HIDL objects the service holds.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -29,12 +30,17 @@ class ClientCallbackBase : public HalCallbackTarget {
   // Not owned. Assign it directly only before the object is registered; use SetReceiver after.
   BufferDataInInterface* receiver = nullptr;
 
+  // Whether the platform said that the service will call this object no more.
+  bool Closed() const { return m_closed.load(std::memory_order_acquire); }
+  void OnCallbackClosed() override { m_closed.store(true, std::memory_order_release); }
+
  protected:
   // Hands the bytes to the receiver; false, without a call, when none is set.
   bool Forward(const uint8_t* data, size_t len);
 
  private:
   std::mutex m_lock;
+  std::atomic<bool> m_closed{false};
 };
 
 }  // namespace libtidewatch

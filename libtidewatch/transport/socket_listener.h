@@ -52,6 +52,10 @@ class SocketListener {
   // by the destructor; an owner whose handler dies first calls it before that.
   void Stop();
 
+  // Whether the socket is bound and served (false when the name was taken, or after Stop). Owner's
+  // thread only.
+  bool Listening() const { return m_threadStarted; }
+
   // Called by the constructor for the server socket and by the thread afterwards; nothing else may
   // call them while the thread runs. AddSocket takes ownership of `fd`.
   void AddSocket(SOCKET_TYPE type, int fd, const char* addr);

@@ -21,11 +21,21 @@ std::string DestinationName(unsigned long sessionId, const char* serverName) {
 }  // namespace
 
 MonitorTrapReceiver::MonitorTrapReceiver(unsigned long sessionId, const char* serverName)
-    : m_listener(DestinationName(sessionId, serverName).c_str()) {
+    : m_listener(DestinationName(sessionId, serverName).c_str()),
+      m_destination(DestinationName(sessionId, serverName)) {
   TW_LOGD("MonitorTrapReceiver Constructor");
   m_mcpReceiver.SetPayloadHandler(MCP_TYPE_TRAP, this);
   m_listener.SetHandler(&m_mcpReceiver);
+  RegisterCallback();
+  TW_LOGD("MonitorTrapReceiver Constructor done! Server name is %lu%s", sessionId, serverName);
+}
 
+bool MonitorTrapReceiver::RegisterCallback() {
+  // Fresh objects each time: a callback the service has let go stays closed, and the service may
+  // still hold it.
+  if (m_aidlCallback != nullptr) m_aidlCallback->SetReceiver(nullptr);
+  if (m_hidlCallback != nullptr) m_hidlCallback->SetReceiver(nullptr);
+  m_registered = nullptr;
   m_aidlCallback = std::make_shared<AidlCallback>();
   m_aidlCallback->SetReceiver(&m_mcpReceiver);
   m_hidlCallback = std::make_shared<HidlCallback>();
@@ -34,15 +44,23 @@ MonitorTrapReceiver::MonitorTrapReceiver(unsigned long sessionId, const char* se
   // The non-blocking lookup: a receiver must come up at once when no service runs.
   if (std::shared_ptr<HalService> aidl = CheckAidlHalService()) {
     TW_LOGD("MonitorTrapReceiver AIDL service connect: true");
-    aidl->RegisterTrapCallback(DestinationName(sessionId, serverName), m_aidlCallback);
+    if (aidl->RegisterTrapCallback(m_destination, m_aidlCallback)) {
+      m_registered = m_aidlCallback.get();
+    }
   } else if (std::shared_ptr<HalService> hidl = GetHidlHalService()) {
     TW_LOGD("MonitorTrapReceiver HIDL service connect: true");
-    hidl->RegisterTrapCallback(DestinationName(sessionId, serverName), m_hidlCallback);
+    if (hidl->RegisterTrapCallback(m_destination, m_hidlCallback)) {
+      m_registered = m_hidlCallback.get();
+    }
     TW_LOGD("MonitorTrapReceiver HIDL service registerTrapCallback done");
   } else {
     TW_LOGD("MonitorTrapReceiver HIDL service connect: false");
   }
-  TW_LOGD("MonitorTrapReceiver Constructor done! Server name is %lu%s", sessionId, serverName);
+  return m_registered != nullptr;
+}
+
+bool MonitorTrapReceiver::CallbackAlive() const {
+  return m_registered != nullptr && !m_registered->Closed();
 }
 
 MonitorTrapReceiver::~MonitorTrapReceiver() {
@@ -60,21 +78,42 @@ MonitorTrapReceiver::~MonitorTrapReceiver() {
 bool MonitorTrapReceiver::ProcessPayload(const MCPInfo& in, MCPInfo& /*out*/) {
   TrapPacker packer(in.data, in.length);
   const TrapHandler handler = trapHandler.load(std::memory_order_acquire);
-  if (handler == nullptr) return true;
+  const TrapDeliveryHandler deliver = deliveryHandler.load(std::memory_order_acquire);
+  if (handler == nullptr && deliver == nullptr) return true;
+  void* context = userData.load(std::memory_order_acquire);
 
-  // Only the two message-carrying types count as discarded traps.
-  const unsigned long discardCount =
-      static_cast<unsigned long>(packer.GetDiscardInfo(TRAP_TYPE_OTA)) +
-      packer.GetDiscardInfo(TRAP_TYPE_EM);
-  TRAP_TYPE type = TRAP_TYPE_NONE;
-  size_t length = 0;
-  const uint8_t* data = nullptr;
-  if (packer.IsInitialized()) {
-    type = packer.GetTrapType();
-    data = packer.GetTrapData();
-    length = packer.GetTrapDataLength();
+  if (handler != nullptr) {
+    // Only the two message-carrying types count as discarded traps.
+    const unsigned long discardCount =
+        static_cast<unsigned long>(packer.GetDiscardInfo(TRAP_TYPE_OTA)) +
+        packer.GetDiscardInfo(TRAP_TYPE_EM);
+    TRAP_TYPE type = TRAP_TYPE_NONE;
+    size_t length = 0;
+    const uint8_t* data = nullptr;
+    if (packer.IsInitialized()) {
+      type = packer.GetTrapType();
+      data = packer.GetTrapData();
+      length = packer.GetTrapDataLength();
+    }
+    handler(context, 0, type, length, data, discardCount);
   }
-  handler(userData.load(std::memory_order_acquire), 0, type, length, data, discardCount);
+  if (deliver != nullptr) {
+    TrapDelivery delivery;
+    if (packer.IsInitialized()) {
+      delivery.parsed = true;
+      delivery.type = packer.GetTrapType();
+      delivery.length = packer.GetTrapDataLength();
+      delivery.record = packer.GetTrapRecord();
+      delivery.recordSize = packer.GetTrapRecordSize();
+      delivery.hasDiscards = packer.HasDiscardInfo();
+      if (delivery.hasDiscards) {
+        for (size_t t = 0; t < TRAP_TYPE_NUM; ++t) {
+          delivery.discards[t] = packer.GetDiscardInfo(static_cast<TRAP_TYPE>(t));
+        }
+      }
+    }
+    deliver(context, delivery);
+  }
   return true;
 }
 

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 
 #include "libtidewatch/api/monitor_types.h"
 #include "libtidewatch/transport/client_callbacks.h"
@@ -28,9 +29,25 @@ using TrapHandler = void (*)(void* context, unsigned int time, TRAP_TYPE type, u
 // out in large writes while a lone trap still goes out at once.
 using TrapDrainHandler = void (*)(void* context);
 
+// One trap delivery as it arrived, for a handler that keeps traps whole or must know what the
+// service said was lost with each one. Every pointer is valid only during the call.
+struct TrapDelivery {
+  bool parsed = false;             // the raw data parsed; otherwise the type is NONE, no record
+  TRAP_TYPE type = TRAP_TYPE_NONE;
+  unsigned long length = 0;        // the record's own length field
+  const uint8_t* record = nullptr;  // type, length and payload, as far as they arrived
+  size_t recordSize = 0;
+  bool hasDiscards = false;  // the delivery closed with a discard-info record
+  uint32_t discards[TRAP_TYPE_NUM] = {};  // traps of each type dropped before this one
+};
+
+// Called once per trap packet like TrapHandler, with the delivery as it arrived.
+using TrapDeliveryHandler = void (*)(void* context, const TrapDelivery& delivery);
+
 // The socket road is always served; the callback is registered with the AIDL service if it runs
-// now, else with the HIDL one if that runs, else with none (no retry, no death watch). Calls of
-// the handler are serialised by the receiver, whichever road they come by.
+// now, else with the HIDL one if that runs, else with none (no retry, no death watch; an owner that
+// wants the callback back calls RegisterCallback). Calls of the handlers are serialised by the
+// receiver, whichever road they come by.
 class MonitorTrapReceiver : public PayloadHandlerInterface {
  public:
   // A null `serverName` counts as empty.
@@ -41,16 +58,26 @@ class MonitorTrapReceiver : public PayloadHandlerInterface {
   MonitorTrapReceiver(const MonitorTrapReceiver&) = delete;
   MonitorTrapReceiver& operator=(const MonitorTrapReceiver&) = delete;
 
-  // Parses one trap packet and calls the handler; never answers (`out` stays empty).
+  // Parses one trap packet and calls the handlers; never answers (`out` stays empty).
   bool ProcessPayload(const MCPInfo& in, MCPInfo& out) override;
   // Calls the drain handler.
   void DeliveryDone() override;
 
+  // Whether the socket road is served: false when another process holds the destination name.
+  bool SocketReady() const { return m_listener.Listening(); }
+  // Whether a callback is registered and the service has not let it go since (a host service
+  // drops a callback that answers too late, and every callback when it dies).
+  bool CallbackAlive() const;
+  // Registers a fresh callback with the service running now, as the constructor does; the earlier
+  // one is detached. True when the service took it. Not to be called concurrently with itself.
+  bool RegisterCallback();
+
   // Assigned by the owner at any time, also while traps arrive: null drops packets. Atomic so
   // that the delivering threads see the assignment cleanly.
   std::atomic<TrapHandler> trapHandler{nullptr};
-  std::atomic<TrapDrainHandler> drainHandler{nullptr};  // null: not called
-  std::atomic<void*> userData{nullptr};                 // passed as both handlers' context
+  std::atomic<TrapDrainHandler> drainHandler{nullptr};        // null: not called
+  std::atomic<TrapDeliveryHandler> deliveryHandler{nullptr};  // called after trapHandler
+  std::atomic<void*> userData{nullptr};                       // passed as every handler's context
 
  private:
   SocketListener m_listener;
@@ -60,6 +87,8 @@ class MonitorTrapReceiver : public PayloadHandlerInterface {
       m_hidlCallback;
   std::shared_ptr<aidl::vendor::velora::hardware::tidewatch::AIDLTidewatchClientCallback>
       m_aidlCallback;
+  std::string m_destination;
+  const ClientCallbackBase* m_registered = nullptr;  // the callback the service took, if any
 };
 
 }  // namespace libtidewatch

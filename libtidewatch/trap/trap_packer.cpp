@@ -1,5 +1,6 @@
 #include "libtidewatch/trap/trap_packer.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "libtidewatch/platform/log.h"
@@ -62,6 +63,8 @@ void TrapPacker::Parse() {
       TW_LOGE("Unknown trap type: [%d], len: [%u]", recordType, length);
     }
     const uint64_t payload = offset + kRecordHeaderSize;
+    m_trapRecord = raw + offset;
+    m_trapRecordSize = static_cast<size_t>(std::min<uint64_t>(payload + length, m_rawLength) - offset);
     m_trapData = raw + (payload < m_rawLength ? payload : m_rawLength);
     m_trapDataLength = length;
     offset = payload + length;

@@ -39,6 +39,12 @@ class TrapPacker {
   // The last trap record's declared length. It may exceed the bytes actually present behind
   // GetTrapData() when the record was cut short; never read past the raw length.
   size_t GetTrapDataLength() const { return m_trapDataLength; }
+  // The last trap record whole (type, length, payload) as far as it arrived: unlike the declared
+  // length, its size never reaches past the raw data. Null and 0 when no record was walked.
+  const uint8_t* GetTrapRecord() const { return m_trapRecord; }
+  size_t GetTrapRecordSize() const { return m_trapRecordSize; }
+  // Whether the data closed with a discard-info record (GetDiscardInfo may then be non-zero).
+  bool HasDiscardInfo() const { return m_discardInfo != nullptr; }
 
   // How many traps of `type` the service reports as dropped; 0 when it says nothing about them.
   uint32_t GetDiscardInfo(TRAP_TYPE type) const;
@@ -55,6 +61,8 @@ class TrapPacker {
   size_t m_rawLength = 0;
   const uint8_t* m_trapData = nullptr;
   size_t m_trapDataLength = 0;
+  const uint8_t* m_trapRecord = nullptr;
+  size_t m_trapRecordSize = 0;
   const uint8_t* m_discardInfo = nullptr;
   TRAP_TYPE m_trapType = TRAP_TYPE_NONE;
 };

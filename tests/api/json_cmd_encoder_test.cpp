@@ -168,24 +168,36 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
   }
 }
 
-TEST_F(JsonCmdEncoderTest, CreateSessionMixesIdsAndCodes) {
+TEST_F(JsonCmdEncoderTest, CreateSessionMixesIdsAndCodesUnlessAskedApart) {
   const std::string head = R"({"api":"Tidewatch.Session","method":"create","version":1,)";
+  constexpr uint64_t kUntouched = 777;
   const struct {
     std::string json;
-    uint64_t result;
+    uint64_t mixed;  // what the one-value call returns
+    int32_t code;    // what the two-value call returns
+    uint64_t id;     // and leaves in its id
   } cases[] = {
-      {head + R"("ret":0,"data":{"sessionId":42}})", 42},
-      {head + R"("ret":0,"data":{"sessionId":true}})", 1},
-      {head + R"("ret":5,"data":{"sessionId":42}})", 0},
-      {head + R"("ret":0})", 10},
-      {head + R"("ret":0,"data":{"sid":42}})", 10},
-      {head + R"("ret":0,"data":{"sessionId":"42"}})", 10},
-      {head + R"("ret":16,"data":{"sessionId":42}})", 10},
+      {head + R"("ret":0,"data":{"sessionId":42}})", 42, 0, 42},
+      {head + R"("ret":0,"data":{"sessionId":true}})", 1, 0, 1},
+      {head + R"("ret":5,"data":{"sessionId":42}})", 0, 5, kUntouched},
+      {head + R"("ret":8})", 0, 8, kUntouched},
+      {head + R"("ret":0,"data":{"sessionId":10}})", 10, 0, 10},  // an id equal to a code
+      {head + R"("ret":0})", 10, 10, kUntouched},
+      {head + R"("ret":0,"data":{"sid":42}})", 10, 10, kUntouched},
+      {head + R"("ret":0,"data":{"sessionId":"42"}})", 10, 10, kUntouched},
+      {head + R"("ret":16,"data":{"sessionId":42}})", 10, 10, kUntouched},
   };
   for (const auto& c : cases) {
     ReplyWith(c.json);
-    EXPECT_EQ(encoder.CreateSession(nullptr), c.result) << c.json;
+    EXPECT_EQ(encoder.CreateSession(nullptr), c.mixed) << c.json;
+    uint64_t id = kUntouched;
+    EXPECT_EQ(encoder.CreateSession(nullptr, &id), c.code) << c.json;
+    EXPECT_EQ(id, c.id) << c.json;
   }
+  fake.sendOk = false;
+  uint64_t id = kUntouched;
+  EXPECT_EQ(encoder.CreateSession(nullptr, &id), MONITOR_RESULT_SEND_FAILED);
+  EXPECT_EQ(id, kUntouched);
 }
 
 TEST_F(JsonCmdEncoderTest, GetSessionFillsStatus) {

@@ -163,6 +163,27 @@ TEST_F(TrapPackerTest, WalksRecords) {
   }
 }
 
+// The last record whole, header included, clipped to the bytes that arrived.
+TEST_F(TrapPackerTest, RecordAsItArrived) {
+  const struct {
+    Bytes data;
+    size_t offset;  // where the record starts in `data`
+    size_t size;
+  } cases[] = {
+      {Cat({Trap(2, {1, 2, 3}), Discard({{2, 5}})}), 0, 8},
+      {Cat({Trap(3, {1}), Trap(4, {1, 2})}), 6, 7},
+      {Trap(6, {1, 2}, 1000), 0, 7},
+      {Cat({Trap(2, {1}), {7, 3, 0}}), 6, 3},
+  };
+  for (const auto& c : cases) {
+    TrapPacker packer(c.data.data(), c.data.size());
+    ASSERT_EQ(packer.GetTrapRecordSize(), c.size) << c.offset;
+    EXPECT_EQ(Bytes(packer.GetTrapRecord(), packer.GetTrapRecord() + c.size),
+              Bytes(c.data.begin() + c.offset, c.data.begin() + c.offset + c.size));
+  }
+  EXPECT_EQ(TrapPacker(Discard({}).data(), 5).GetTrapRecord(), nullptr);
+}
+
 TEST_F(TrapPackerTest, DiscardCounts) {
   Bytes data = Cat({Trap(3, {1}), Discard({{3, 7}, {2, 4}, {3, 9}})});
   TrapPacker packer(data.data(), data.size());

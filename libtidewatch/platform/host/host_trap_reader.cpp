@@ -49,6 +49,7 @@ void HostTrapReader::Run(std::shared_ptr<HalLinkSocket> socket,
       break;
     }
   }
+  target->OnCallbackClosed();
 }
 
 }  // namespace libtidewatch

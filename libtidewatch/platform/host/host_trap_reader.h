@@ -15,7 +15,8 @@ class HostTrapReader {
   // `target->OnServiceData` with each payload and answers with TRAP_RESULT (1 when it returned
   // true, else 0). The thread keeps `socket` and `target` alive on its own, independently of any
   // service handle, and ends when the service closes the connection or breaks the protocol (the
-  // connection is then shut down). False when the thread cannot be started.
+  // connection is then shut down), telling `target` OnCallbackClosed last. False when the thread
+  // cannot be started.
   static bool Start(std::shared_ptr<HalLinkSocket> socket,
                     std::shared_ptr<HalCallbackTarget> target);
 

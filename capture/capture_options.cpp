@@ -1,0 +1,90 @@
+#include "capture/capture_options.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+namespace capture {
+namespace {
+
+constexpr char kDescription[] =
+    "tide_watch_capture: subscribes modem traps by message name, prints each one as it arrives,\n"
+    "and leaves no session behind on the modem-monitor service when it stops.";
+
+constexpr char kExamples[] =
+    "Examples:\n"
+    "  tide_watch_capture --em 'EM_LTE_SERVING_*' --ota 'LTE_RRC_*'\n"
+    "  tide_watch_capture --em 2000,2001 --format json -c 100 > traps.jsonl\n"
+    "  tide_watch_capture --ota LTE_RRC_PAGING --duration 60 -q\n"
+    "  tide_watch_capture --list-messages --layout twd_layout_desc.dat\n"
+    "\n"
+    "Exit status: 0 after a normal stop, 1 for a failure at run time, 2 for a usage error.";
+
+}  // namespace
+
+int ParseCaptureOptions(int argc, char** argv, CaptureOptions* options) {
+  CLI::App app(kDescription, "tide_watch_capture");
+  app.footer(kExamples);
+  app.get_formatter()->column_width(34);
+
+  app.add_option("--ota", options->ota,
+                 "OTA messages to subscribe: an id, a layout name or a shell pattern on names; "
+                 "repeatable, comma lists allowed (e.g. --ota 'LTE_RRC_*,1028')")
+      ->delimiter(',')
+      ->type_name("SEL");
+  app.add_option("--em", options->em,
+                 "EM messages to subscribe, as for --ota (e.g. --em EM_LTE_SERVING_CELL_INFO)")
+      ->delimiter(',')
+      ->type_name("SEL");
+  app.add_option("--layout", options->layoutPath,
+                 "layout description file that names the messages (e.g. --layout "
+                 "resources/twd_layout_desc.dat); default: the one the system properties choose")
+      ->type_name("FILE");
+  app.add_flag("--list-messages", options->listMessages,
+               "print every OTA and EM message of the layout (type, id, name) and exit");
+  app.add_option("--secret", options->secret,
+                 "secret for a manager or root session (e.g. --secret \"$TW_SECRET\")")
+      ->type_name("S");
+  app.add_option("--session", options->sessionId,
+                 "use existing session N instead of creating one, and leave it open "
+                 "(e.g. --session 7)")
+      ->type_name("N")
+      ->check(CLI::Range(uint64_t{1}, UINT64_MAX));
+  app.add_option("--receiver-name", options->receiverName,
+                 "name of this capture's trap receiver (default: unique to the run; e.g. "
+                 "--receiver-name lab1)")
+      ->type_name("NAME");
+  app.add_option("-c,--count", options->count, "stop after N traps (e.g. -c 100)")
+      ->type_name("N")
+      ->check(CLI::Range(uint64_t{1}, UINT64_MAX));
+  app.add_option("--duration", options->durationSec, "stop after SEC seconds (e.g. --duration 30)")
+      ->type_name("SEC")
+      ->check(CLI::Range(0.001, 1e9));
+  app.add_option("--format", options->format,
+                 "per-trap lines as text (default) or one JSON object per line (e.g. --format json)")
+      ->type_name("text|json")
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, OutputFormat>{{"text", OutputFormat::kText},
+                                              {"json", OutputFormat::kJson}}));
+  app.add_flag("-q,--quiet", options->quiet, "no per-trap lines; the summary still comes");
+  app.add_flag("!--no-reconnect", options->reconnect,
+               "end with status 1 when the service dies, instead of waiting for it");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    // CLI11 reports by throwing; the help and the usage errors end here as exit statuses.
+    const int code = app.exit(e);
+    return code == 0 ? kExitOk : kExitUsage;
+  }
+  options->hasSecret = app.count("--secret") > 0;
+  if (!options->listMessages && options->ota.empty() && options->em.empty() &&
+      options->sessionId == 0) {
+    fprintf(stderr,
+            "tide_watch_capture: nothing to capture: give --ota or --em (or --session N)\n"
+            "Run with --help for more information.\n");
+    return kExitUsage;
+  }
+  return -1;
+}
+
+}  // namespace capture

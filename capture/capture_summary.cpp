@@ -1,0 +1,56 @@
+#include "capture/capture_summary.h"
+
+#include <cinttypes>
+#include <cstdarg>
+#include <cstdio>
+
+#include "capture/text_escape.h"
+
+namespace capture {
+namespace {
+
+std::string Printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string Printf(const char* format, ...) {
+  char buf[256];
+  va_list args;
+  va_start(args, format);
+  vsnprintf(buf, sizeof(buf), format, args);
+  va_end(args);
+  return buf;
+}
+
+}  // namespace
+
+std::string FormatSummary(const CaptureStats& stats, const RunFacts& facts) {
+  const double rate = facts.seconds > 0 ? static_cast<double>(stats.traps()) / facts.seconds : 0;
+  std::string out = Printf("%" PRIu64 " traps, %" PRIu64 " bytes in %.3f s (%.1f traps/s)\n",
+                           stats.traps(), stats.bytes(), facts.seconds, rate);
+  for (const MessageCount& m : stats.Messages()) {
+    const char* type = libtidewatch::ToTrapStr(m.type);
+    std::string id = m.hasId ? std::to_string(m.msgId) : "-";
+    std::string name = m.named ? EscapedText(m.name) : m.hasId ? "?" : "";
+    out += Printf("  %-10s %8s  %-40s %10" PRIu64 " traps %12" PRIu64 " bytes\n",
+                  type != nullptr ? type : "NONE", id.c_str(), name.c_str(), m.traps, m.bytes);
+  }
+  out += Printf("dropped by the service: %" PRIu64 " OTA, %" PRIu64 " EM",
+                stats.dropped(libtidewatch::TRAP_TYPE_OTA), stats.dropped(libtidewatch::TRAP_TYPE_EM));
+  for (size_t t = libtidewatch::TRAP_TYPE_VOLTE; t < libtidewatch::TRAP_TYPE_NUM; ++t) {
+    const auto type = static_cast<libtidewatch::TRAP_TYPE>(t);
+    if (stats.dropped(type) != 0) {
+      out += Printf(", %" PRIu64 " %s", stats.dropped(type), libtidewatch::ToTrapStr(type));
+    }
+  }
+  out += '\n';
+  if (facts.gaps != 0) {
+    out += Printf("service gaps: %" PRIu64 ", %.3f s without the service\n", facts.gaps,
+                  facts.gapSeconds);
+  }
+  if (!facts.sessionOutcome.empty()) out += facts.sessionOutcome + '\n';
+  return out;
+}
+
+std::string FormatProgress(uint64_t traps, double rate, uint64_t dropped) {
+  return Printf("%" PRIu64 " traps  %.0f traps/s  %" PRIu64 " dropped", traps, rate, dropped);
+}
+
+}  // namespace capture

@@ -1,0 +1,15 @@
+// The capture tool's process entry, with the only exception handler of the program.
+#include <cstdio>
+#include <exception>
+
+#include "capture/capture_main.h"
+
+int main(int argc, char** argv) {
+  try {
+    return capture::CaptureMain(argc, argv);
+  } catch (const std::exception& e) {
+    // The JSON layer throws for numbers it refuses to convert; nothing below handles them.
+    fprintf(stderr, "tide_watch_capture: unexpected failure: %s\n", e.what());
+    return 1;
+  }
+}
