@@ -47,27 +47,27 @@ int ParseCaptureOptions(int argc, char** argv, CaptureOptions* options) {
   app.add_option("--session", options->sessionId,
                  "use existing session N instead of creating one, and leave it open "
                  "(e.g. --session 7)")
-      ->type_name("N")
+      ->option_text("N")
       ->check(CLI::Range(uint64_t{1}, UINT64_MAX));
   app.add_option("--receiver-name", options->receiverName,
                  "name of this capture's trap receiver (default: unique to the run; e.g. "
                  "--receiver-name lab1)")
       ->type_name("NAME");
   app.add_option("-c,--count", options->count, "stop after N traps (e.g. -c 100)")
-      ->type_name("N")
+      ->option_text("N")
       ->check(CLI::Range(uint64_t{1}, UINT64_MAX));
   app.add_option("--duration", options->durationSec, "stop after SEC seconds (e.g. --duration 30)")
-      ->type_name("SEC")
+      ->option_text("SEC")
       ->check(CLI::Range(0.001, 1e9));
-  app.add_option("--format", options->format,
+  std::string format = "text";
+  app.add_option("--format", format,
                  "per-trap lines as text (default) or one JSON object per line (e.g. --format json)")
-      ->type_name("text|json")
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, OutputFormat>{{"text", OutputFormat::kText},
-                                              {"json", OutputFormat::kJson}}));
+      ->option_text("text|json")
+      ->check(CLI::IsMember({"text", "json"}));
   app.add_flag("-q,--quiet", options->quiet, "no per-trap lines; the summary still comes");
-  app.add_flag("!--no-reconnect", options->reconnect,
-               "end with status 1 when the service dies, instead of waiting for it");
+  app.add_flag_callback(
+      "--no-reconnect", [options] { options->reconnect = false; },
+      "end with status 1 when the service dies, instead of waiting for it to come back");
 
   try {
     app.parse(argc, argv);
@@ -77,6 +77,7 @@ int ParseCaptureOptions(int argc, char** argv, CaptureOptions* options) {
     return code == 0 ? kExitOk : kExitUsage;
   }
   options->hasSecret = app.count("--secret") > 0;
+  options->format = format == "json" ? OutputFormat::kJson : OutputFormat::kText;
   if (!options->listMessages && options->ota.empty() && options->em.empty() &&
       options->sessionId == 0) {
     fprintf(stderr,

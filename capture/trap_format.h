@@ -22,9 +22,9 @@ class TimeFormatter {
 
  private:
   int64_t m_localSecond = INT64_MIN;
-  char m_local[16] = {};
+  char m_local[48] = {};
   int64_t m_utcSecond = INT64_MIN;
-  char m_utc[32] = {};
+  char m_utc[80] = {};
 };
 
 }  // namespace capture
