@@ -17,6 +17,7 @@
 #include "capture/text_printer.h"
 #include "capture/trap_collector.h"
 #include "capture/wakeup.h"
+#include "libtidewatch/platform/log.h"
 #include "libtidewatch/trap/trap_decoder.h"
 
 #ifndef TIDEWATCH_SAMPLE_LAYOUT
@@ -39,6 +40,10 @@ double Now() {
 
 void Error(const std::string& text) { fprintf(stderr, "%s: %s\n", kTool, text.c_str()); }
 
+// The library logs its failures as it meets them (a dead link, a refused frame); the tool says
+// what they mean for the capture in its own words, so they are shown only on request.
+void DropLibraryLog(int /*priority*/, const char* /*tag*/, const char* /*text*/) {}
+
 // The server name that makes this run's receiver unique: the process id and the start time.
 std::string UniqueReceiverName() {
   timespec ts;
@@ -56,7 +61,8 @@ class Progress {
   explicit Progress(bool enabled) : m_enabled(enabled) {}
   void Show(uint64_t traps, uint64_t dropped, double now) {
     if (!m_enabled) return;
-    const double rate = now > m_lastTime ? static_cast<double>(traps - m_lastTraps) / (now - m_lastTime) : 0;
+    const double rate =
+        now > m_lastTime ? static_cast<double>(traps - m_lastTraps) / (now - m_lastTime) : 0;
     m_lastTime = now;
     m_lastTraps = traps;
     std::string line = FormatProgress(traps, rate, dropped);
@@ -83,7 +89,8 @@ bool Resolve(const CaptureOptions& options, MessageSelection* selection) {
   const struct {
     libtidewatch::TRAP_TYPE type;
     const std::vector<std::string>& selectors;
-  } groups[] = {{libtidewatch::TRAP_TYPE_OTA, options.ota}, {libtidewatch::TRAP_TYPE_EM, options.em}};
+  } groups[] = {{libtidewatch::TRAP_TYPE_OTA, options.ota},
+                {libtidewatch::TRAP_TYPE_EM, options.em}};
   for (const auto& group : groups) {
     for (const std::string& selector : group.selectors) {
       std::string error;
@@ -109,6 +116,7 @@ int CaptureMain(int argc, char** argv) {
     Error(error);
     return options.layoutPath.empty() ? kExitFailure : kExitUsage;
   }
+  if (!options.verbose) libtidewatch::SetLogSink(DropLibraryLog);
   if (options.listMessages) {
     const std::string list = MessageSelection::ListMessages(*layout.decoder);
     fwrite(list.data(), 1, list.size(), stdout);
@@ -168,8 +176,11 @@ int CaptureMain(int argc, char** argv) {
     const double gapStart = now;
     Error("the modem-monitor service has gone (session " + std::to_string(session.sessionId()) +
           ")" + (options.reconnect ? "; waiting for it to come back" : ""));
+    const std::string lost =
+        "session " + std::to_string(session.sessionId()) + " lost with the service";
     session.Abandon();
     if (!options.reconnect) {
+      facts.sessionOutcome = lost;
       status = kExitFailure;
       break;
     }
@@ -191,7 +202,8 @@ int CaptureMain(int argc, char** argv) {
     }
   }
 
-  facts.sessionOutcome = session.Close();
+  const std::string closed = session.Close();
+  if (!closed.empty()) facts.sessionOutcome = closed;
   facts.seconds = Now() - start;
   if (!collector.FinishSinks()) {
     Error("cannot write the output");

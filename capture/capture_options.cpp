@@ -60,11 +60,14 @@ int ParseCaptureOptions(int argc, char** argv, CaptureOptions* options) {
       ->option_text("SEC")
       ->check(CLI::Range(0.001, 1e9));
   std::string format = "text";
-  app.add_option("--format", format,
-                 "per-trap lines as text (default) or one JSON object per line (e.g. --format json)")
+  app.add_option(
+         "--format", format,
+         "per-trap lines as text (default) or one JSON object per line (e.g. --format json)")
       ->option_text("text|json")
       ->check(CLI::IsMember({"text", "json"}));
   app.add_flag("-q,--quiet", options->quiet, "no per-trap lines; the summary still comes");
+  app.add_flag("-v,--verbose", options->verbose,
+               "also show the library's log lines (its errors on the link and the layout)");
   app.add_flag_callback(
       "--no-reconnect", [options] { options->reconnect = false; },
       "end with status 1 when the service dies, instead of waiting for it to come back");

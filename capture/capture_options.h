@@ -22,12 +22,13 @@ struct CaptureOptions {
   uint64_t sessionId = 0;    // 0: create a session of our own
   std::string receiverName;  // empty: a name unique to this run
 
-  uint64_t count = 0;         // stop after this many traps; 0: no limit
-  double durationSec = 0;     // stop after this long; 0: no limit
-  bool reconnect = true;      // carry on after the service restarts
+  uint64_t count = 0;      // stop after this many traps; 0: no limit
+  double durationSec = 0;  // stop after this long; 0: no limit
+  bool reconnect = true;   // carry on after the service restarts
   OutputFormat format = OutputFormat::kText;
-  bool quiet = false;         // no per-trap lines
-  bool summary = true;        // the summary on standard error at the end
+  bool quiet = false;    // no per-trap lines
+  bool summary = true;   // the summary on standard error at the end
+  bool verbose = false;  // the library's own log lines on standard error
 };
 
 // Exit statuses of the tool.

@@ -26,8 +26,9 @@ bool NameTaken(const std::string& name) {
   memcpy(addr.sun_path + 1, name.data(), len);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return false;
-  const bool taken = connect(fd, reinterpret_cast<const sockaddr*>(&addr),
-                             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + len)) == 0;
+  const bool taken =
+      connect(fd, reinterpret_cast<const sockaddr*>(&addr),
+              static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + len)) == 0;
   close(fd);
   return taken;
 }

@@ -68,9 +68,9 @@ class CaptureSession {
   CmdProxy* m_proxy;
   TrapCollector* m_collector;
   SessionPlan m_plan;
-  bool m_adopted = false;      // the plan's existing session was taken once
-  uint64_t m_sessionId = 0;    // 0: none
-  bool m_owned = false;        // created here, so closed here
+  bool m_adopted = false;    // the plan's existing session was taken once
+  uint64_t m_sessionId = 0;  // 0: none
+  bool m_owned = false;      // created here, so closed here
   std::unique_ptr<libtidewatch::MonitorTrapReceiver> m_receiver;
 };
 

@@ -17,8 +17,9 @@ void CaptureStats::Count(const libtidewatch::CapturedTrap& trap) {
   m_bytes += d.payload.size;
   for (size_t t = 0; t < libtidewatch::TRAP_TYPE_NUM; ++t) m_dropped[t] += trap.discards[t];
 
-  const bool hasId = (d.type == libtidewatch::TRAP_TYPE_OTA || d.type == libtidewatch::TRAP_TYPE_EM) &&
-                     d.msgId.present;
+  const bool hasId =
+      (d.type == libtidewatch::TRAP_TYPE_OTA || d.type == libtidewatch::TRAP_TYPE_EM) &&
+      d.msgId.present;
   const uint64_t id = hasId ? d.msgId.value : 0;
   if (m_last.entry == nullptr || !Same(*m_last.entry, d.type, hasId, id)) {
     std::vector<MessageCount>& slot = m_byKey[(id << 4) ^ d.type ^ (hasId ? 8u : 0u)];

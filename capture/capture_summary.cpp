@@ -32,8 +32,9 @@ std::string FormatSummary(const CaptureStats& stats, const RunFacts& facts) {
     out += Printf("  %-10s %8s  %-40s %10" PRIu64 " traps %12" PRIu64 " bytes\n",
                   type != nullptr ? type : "NONE", id.c_str(), name.c_str(), m.traps, m.bytes);
   }
-  out += Printf("dropped by the service: %" PRIu64 " OTA, %" PRIu64 " EM",
-                stats.dropped(libtidewatch::TRAP_TYPE_OTA), stats.dropped(libtidewatch::TRAP_TYPE_EM));
+  out +=
+      Printf("dropped by the service: %" PRIu64 " OTA, %" PRIu64 " EM",
+             stats.dropped(libtidewatch::TRAP_TYPE_OTA), stats.dropped(libtidewatch::TRAP_TYPE_EM));
   for (size_t t = libtidewatch::TRAP_TYPE_VOLTE; t < libtidewatch::TRAP_TYPE_NUM; ++t) {
     const auto type = static_cast<libtidewatch::TRAP_TYPE>(t);
     if (stats.dropped(type) != 0) {

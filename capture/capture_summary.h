@@ -10,9 +10,9 @@
 namespace capture {
 
 struct RunFacts {
-  double seconds = 0;         // from the start of the capture to its end
-  uint64_t gaps = 0;          // times the service went away and came back (or not)
-  double gapSeconds = 0;      // time spent without a service
+  double seconds = 0;          // from the start of the capture to its end
+  uint64_t gaps = 0;           // times the service went away and came back (or not)
+  double gapSeconds = 0;       // time spent without a service
   std::string sessionOutcome;  // "session 7 closed", or empty when there was none at the end
 };
 

@@ -9,7 +9,8 @@ namespace {
 
 char Upper(char c) { return static_cast<char>(toupper(static_cast<unsigned char>(c))); }
 
-// Levenshtein distance, case-insensitive, giving up (returning `bound` + 1) once it exceeds `bound`.
+// Levenshtein distance, case-insensitive, giving up (returning `bound` + 1) once it exceeds
+// `bound`.
 size_t Distance(std::string_view a, std::string_view b, size_t bound, std::vector<size_t>& row) {
   const size_t diff = a.size() > b.size() ? a.size() - b.size() : b.size() - a.size();
   if (diff > bound) return bound + 1;

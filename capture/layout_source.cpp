@@ -70,7 +70,8 @@ bool LoadLayout(const std::string& explicitPath, const char* samplePath, LoadedL
     return true;
   }
   if (IsRegularFile(kWorkingDirLayout)) return LoadFile(kWorkingDirLayout, layout, error);
-  if (samplePath != nullptr && IsRegularFile(samplePath)) return LoadFile(samplePath, layout, error);
+  if (samplePath != nullptr && IsRegularFile(samplePath))
+    return LoadFile(samplePath, layout, error);
   layout->decoder = std::make_unique<libtidewatch::FrameDecoder>();
   layout->path.clear();
   return true;

@@ -67,8 +67,8 @@ bool MessageSelection::Add(TRAP_TYPE type, const std::string& selector, std::str
       if (fnmatch(selector.c_str(), name.c_str(), 0) == 0) ids.push_back(entry.second);
     }
     if (ids.empty()) {
-      *error = std::string("no ") + typeName + " message name matches '" + EscapedText(selector) +
-               "'";
+      *error =
+          std::string("no ") + typeName + " message name matches '" + EscapedText(selector) + "'";
       return false;
     }
     // In id order, as --list-messages shows them.

@@ -20,10 +20,10 @@ size_t SafeSequence(std::string_view s, size_t i) {
   for (size_t k = 1; k < n; ++k) {
     if ((byte(i + k) & 0xc0) != 0x80) return 0;
   }
-  if (c == 0xc2 && byte(i + 1) < 0xa0) return 0;  // U+0080 to U+009F: C1 controls
-  if (c == 0xe0 && byte(i + 1) < 0xa0) return 0;  // overlong
+  if (c == 0xc2 && byte(i + 1) < 0xa0) return 0;   // U+0080 to U+009F: C1 controls
+  if (c == 0xe0 && byte(i + 1) < 0xa0) return 0;   // overlong
   if (c == 0xed && byte(i + 1) >= 0xa0) return 0;  // surrogates
-  if (c == 0xf0 && byte(i + 1) < 0x90) return 0;  // overlong
+  if (c == 0xf0 && byte(i + 1) < 0x90) return 0;   // overlong
   if (c == 0xf4 && byte(i + 1) >= 0x90) return 0;  // beyond U+10FFFF
   return n;
 }

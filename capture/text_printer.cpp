@@ -51,7 +51,8 @@ void TextPrinter::AppendTrap(std::string* out, const CapturedTrap& trap) {
   const DecodedTrap& d = trap.decoded;
   m_time.AppendLocal(out, trap.timeUs);
   out->push_back(' ');
-  const bool message = d.type == libtidewatch::TRAP_TYPE_OTA || d.type == libtidewatch::TRAP_TYPE_EM;
+  const bool message =
+      d.type == libtidewatch::TRAP_TYPE_OTA || d.type == libtidewatch::TRAP_TYPE_EM;
   if (message) {
     *out += "SIM";
     if (d.sim.present) {

@@ -54,7 +54,7 @@ class TrapCollector {
   const Wakeup& m_wakeup;
   std::vector<TrapSink*> m_sinks;
 
-  mutable std::mutex m_lock;  // deliveries come by the listener thread and callback threads
+  mutable std::mutex m_lock;          // deliveries come by the listener thread and callback threads
   libtidewatch::CapturedTrap m_trap;  // reused, so that decoding allocates nothing per trap
   CaptureStats m_stats;
   bool m_pendingOutput = false;

@@ -7,7 +7,7 @@ set -euo pipefail
 # capture file the tests write, and run the Wireshark dissector. chromium renders the capture report
 # in its browser test and makes the README's screenshot.
 packages=(build-essential cmake pkg-config python3 libjsoncpp-dev googletest libgtest-dev libgmock-dev
-  libbenchmark-dev clang libclang-rt-14-dev tshark wireshark-common chromium "$@")
+  libbenchmark-dev libcli11-dev clang libclang-rt-14-dev tshark wireshark-common chromium "$@")
 
 missing=()
 for p in "${packages[@]}"; do

@@ -32,12 +32,12 @@ using TrapDrainHandler = void (*)(void* context);
 // One trap delivery as it arrived, for a handler that keeps traps whole or must know what the
 // service said was lost with each one. Every pointer is valid only during the call.
 struct TrapDelivery {
-  bool parsed = false;             // the raw data parsed; otherwise the type is NONE, no record
+  bool parsed = false;  // the raw data parsed; otherwise the type is NONE, no record
   TRAP_TYPE type = TRAP_TYPE_NONE;
-  unsigned long length = 0;        // the record's own length field
+  unsigned long length = 0;         // the record's own length field
   const uint8_t* record = nullptr;  // type, length and payload, as far as they arrived
   size_t recordSize = 0;
-  bool hasDiscards = false;  // the delivery closed with a discard-info record
+  bool hasDiscards = false;               // the delivery closed with a discard-info record
   uint32_t discards[TRAP_TYPE_NUM] = {};  // traps of each type dropped before this one
 };
 

@@ -64,7 +64,8 @@ void TrapPacker::Parse() {
     }
     const uint64_t payload = offset + kRecordHeaderSize;
     m_trapRecord = raw + offset;
-    m_trapRecordSize = static_cast<size_t>(std::min<uint64_t>(payload + length, m_rawLength) - offset);
+    m_trapRecordSize =
+        static_cast<size_t>(std::min<uint64_t>(payload + length, m_rawLength) - offset);
     m_trapData = raw + (payload < m_rawLength ? payload : m_rawLength);
     m_trapDataLength = length;
     offset = payload + length;

@@ -34,16 +34,19 @@ CtrlProcess::~CtrlProcess() {
 
 std::string CtrlProcess::BinaryPath() { return TIDEWATCH_BIN_DIR "/tide_watch_ctrl"; }
 
+std::string CtrlProcess::CaptureBinaryPath() { return TIDEWATCH_BIN_DIR "/tide_watch_capture"; }
+
 bool CtrlProcess::Start(const std::string& dir, const std::vector<std::string>& args) {
   ChildOptions options;
   options.dir = dir;
   options.dropStderr = true;
+  options.stderrPath = m_stderrPath;
   return Start(options, args);
 }
 
 bool CtrlProcess::Start(const ChildOptions& options, const std::vector<std::string>& args) {
   // A receiver never ends by itself: StartChild ties it to this thread.
-  if (!StartChild(BinaryPath(), args, options, &m_pid, &m_fd)) return false;
+  if (!StartChild(m_binary, args, options, &m_pid, &m_fd)) return false;
   m_pending.clear();
   return true;
 }

@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tests/support/child_process.h"
@@ -27,13 +28,18 @@ CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& 
 
 class CtrlProcess {
  public:
-  CtrlProcess() = default;
+  // Runs `binary` (the tool unless given), with standard error dropped, or written to
+  // `stderrPath` when that is not empty.
+  explicit CtrlProcess(std::string binary = BinaryPath(), std::string stderrPath = "")
+      : m_binary(std::move(binary)), m_stderrPath(std::move(stderrPath)) {}
   // Ends (SIGTERM) and reaps a process still running.
   ~CtrlProcess();
   CtrlProcess(const CtrlProcess&) = delete;
   CtrlProcess& operator=(const CtrlProcess&) = delete;
 
   static std::string BinaryPath();
+  // The capture tool, which the same helper runs.
+  static std::string CaptureBinaryPath();
 
   // Starts the tool in `dir` with standard output on a pipe; false when it could not be started.
   bool Start(const std::string& dir, const std::vector<std::string>& args);
@@ -57,6 +63,8 @@ class CtrlProcess {
   // time-out.
   bool Fill(int timeoutMs);
 
+  std::string m_binary;
+  std::string m_stderrPath;
   pid_t m_pid = -1;
   int m_fd = -1;
   std::string m_pending;

@@ -1,0 +1,161 @@
+// The capture tool's binary against the emulated service: what a selection subscribes, how each
+// way of stopping leaves the service, the JSON lines, dropped traps, and a service that restarts.
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <regex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/ctrl_process.h"
+#include "tests/support/emulator_process.h"
+#include "tests/support/mcp_test_peer.h"
+#include "tests/support/scratch_dir.h"
+
+namespace {
+
+using tidewatch_test::CtrlProcess;
+using tidewatch_test::RunCtrl;
+
+constexpr int kWaitMs = 5000;
+
+class CaptureTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(dir_.path().empty());
+    // tide_watch_ctrl names subscriptions from the layout in its working directory.
+    ASSERT_TRUE(dir_.CopyIn(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat",
+                            "resources/twd_layout_desc.dat"));
+  }
+
+  // The emulator, and a root session (id 1) that can see every other session.
+  void StartService(const std::vector<std::string>& args) {
+    ASSERT_TRUE(emulator_.Start(args));
+    ASSERT_EQ(RunCtrl(dir_.path(), {"--create-session", "level=2"}).out, "1\n");
+  }
+
+  void StartCapture(const std::vector<std::string>& args) {
+    std::vector<std::string> all = {"--receiver-name", receiver_};
+    all.insert(all.end(), args.begin(), args.end());
+    ASSERT_TRUE(capture_.Start(dir_.path(), all));
+  }
+
+  // The session report of `sessionId`, as the root session sees it.
+  std::string Report(int sessionId) {
+    return RunCtrl(dir_.path(),
+                   {"--get-session", "doerId=1", "sessionId=" + std::to_string(sessionId)})
+        .out;
+  }
+
+  // Waits until the capture's session `sessionId` has traps enabled, which it does last.
+  bool WaitEnabled(int sessionId) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+    while (std::chrono::steady_clock::now() < deadline) {
+      if (Report(sessionId).find("Trap Enabled: [true]") != std::string::npos) return true;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return false;
+  }
+
+  // The sessions the service holds, as the root session lists them.
+  std::string Sessions() { return RunCtrl(dir_.path(), {"--list-session", "doerId=1"}).out; }
+
+  // Ends the capture's output and its process; its exit status.
+  int Finish() {
+    out_ += capture_.ReadAll();
+    return capture_.Wait();
+  }
+  std::string Stderr() { return dir_.Read("capture.err"); }
+
+  tidewatch_test::ScratchDir dir_{"capture_test"};
+  tidewatch_test::EmulatorProcess emulator_;
+  const std::string receiver_ = ".cap" + std::to_string(getpid());
+  CtrlProcess capture_{CtrlProcess::CaptureBinaryPath(), dir_.path() + "/capture.err"};
+  std::string out_;
+};
+
+TEST_F(CaptureTest, SelectionSubscribesExactlyItsIds) {
+  StartService({});
+  const struct {
+    std::vector<std::string> args;
+    std::string subscribed;
+  } cases[] = {
+      {{"--em", "EM_LTE_SERVING_CELL_INFO"},
+       "Subscribed EM Messages:\n\tEM_LTE_SERVING_CELL_INFO (2000)\n"},
+      {{"--ota", "LTE_RRC_CONNECTION_RE*", "--ota", "1003,LTE_RRC_PAGING"},
+       "Subscribed OTA Messages:\n\tLTE_RRC_CONNECTION_REQUEST (1004)\n"
+       "\tLTE_RRC_CONNECTION_REJECT (1007)\n\tLTE_RRC_CONNECTION_RECONFIGURATION (1012)\n"
+       "\tLTE_RRC_CONNECTION_RECONFIGURATION_COMPLETE (1013)\n"
+       "\tLTE_RRC_CONNECTION_RELEASE (1015)\n"
+       "\tLTE_RRC_CONNECTION_REESTABLISHMENT_REQUEST (1016)\n\tLTE_RRC_PAGING (1003)\n"},
+      {{"--em", "0x7d1", "--ota", "NR_NAS_*"},
+       "Subscribed OTA Messages:\n\tNR_NAS_REGISTRATION_REQUEST (1035)\n"
+       "\tNR_NAS_REGISTRATION_ACCEPT (1036)\n\tNR_NAS_PDU_SESSION_ESTABLISHMENT_REQUEST (1037)\n"
+       "\tNR_NAS_PDU_SESSION_ESTABLISHMENT_ACCEPT (1038)\n\tNR_NAS_DEREGISTRATION_REQUEST (1039)\n"
+       "Subscribed EM Messages:\n\tEM_LTE_NEIGHBOUR_CELL_INFO (2001)\n"},
+  };
+  int sessionId = 2;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.args[1]);
+    StartCapture(c.args);
+    ASSERT_TRUE(WaitEnabled(sessionId));
+    const std::string report = Report(sessionId);
+    const size_t from = report.find("Subscribed");
+    const size_t to = report.find("Trap Destination");
+    ASSERT_NE(from, std::string::npos) << report;
+    EXPECT_EQ(report.substr(from, to - from), c.subscribed);
+    EXPECT_NE(report.find(std::to_string(sessionId) + receiver_), std::string::npos) << report;
+    kill(capture_.pid(), SIGINT);
+    EXPECT_EQ(Finish(), 0);
+    ++sessionId;
+  }
+  EXPECT_EQ(Sessions(), "1\n");
+
+  // A name that matches nothing names the closest ones and subscribes nothing.
+  StartCapture({"--em", "EM_LTE_SERVNG_CELL_INFO"});
+  EXPECT_EQ(Finish(), 2);
+  EXPECT_EQ(Stderr(),
+            "tide_watch_capture: unknown EM message name 'EM_LTE_SERVNG_CELL_INFO'; did you mean "
+            "EM_LTE_SERVING_CELL_INFO or EM_NR_SERVING_CELL_INFO?\n");
+  EXPECT_EQ(Sessions(), "1\n");
+}
+
+TEST_F(CaptureTest, EveryStopClosesTheSession) {
+  StartService({"--trap-rate=100"});
+  const struct {
+    std::vector<std::string> args;
+    int signal;  // sent once the capture runs; 0: none
+    long lines;  // trap lines expected; -1: any number
+  } cases[] = {
+      {{"-c", "3"}, 0, 3},
+      {{"--duration", "0.5"}, 0, -1},
+      {{}, SIGINT, -1},
+      {{}, SIGTERM, -1},
+  };
+  int sessionId = 2;
+  for (const auto& c : cases) {
+    std::vector<std::string> args = {"--em", "2000"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    SCOPED_TRACE(args.size() > 2 ? args[2] : "signal " + std::to_string(c.signal));
+    out_.clear();
+    StartCapture(args);
+    if (c.signal != 0) {
+      ASSERT_TRUE(WaitEnabled(sessionId));
+      kill(capture_.pid(), c.signal);
+    }
+    EXPECT_EQ(Finish(), 0);
+    EXPECT_NE(Stderr().find("session " + std::to_string(sessionId) + " closed\n"),
+              std::string::npos)
+        << Stderr();
+    EXPECT_EQ(Sessions(), "1\n");
+    if (c.lines >= 0) EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), c.lines) << out_;
+    ++sessionId;
+  }
+}
+
+}  // namespace
