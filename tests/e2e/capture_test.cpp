@@ -153,7 +153,9 @@ TEST_F(CaptureTest, EveryStopClosesTheSession) {
               std::string::npos)
         << Stderr();
     EXPECT_EQ(Sessions(), "1\n");
-    if (c.lines >= 0) EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), c.lines) << out_;
+    if (c.lines >= 0) {
+      EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), c.lines) << out_;
+    }
     ++sessionId;
   }
 }
