@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <limits>
 
+#include "emulator/pcapng_replay.h"
+
 namespace hal_emulator {
 
 using libtidewatch::TRAP_TYPE_DISCARD_INFO;
@@ -116,7 +118,11 @@ bool LoadTrapReplay(const std::string& path, size_t maxRecord, std::vector<Repla
     *error = path + " is larger than 64 MiB";
     return false;
   }
-  if (!ParseTrapRecords(data.data(), data.size(), maxRecord, records, error)) {
+  // A capture of the capture tool, or a plain sequence of records.
+  const bool parsed = IsPcapng(data.data(), data.size())
+                          ? ParsePcapngReplay(data.data(), data.size(), maxRecord, records, error)
+                          : ParseTrapRecords(data.data(), data.size(), maxRecord, records, error);
+  if (!parsed) {
     *error = path + ": " + *error;
     return false;
   }

@@ -158,6 +158,7 @@ PcapngReader::Status PcapngReader::Next(CapturedTrap* trap) {
     }
     ++m_block;
     if (!Fill(8)) {
+      m_cutShort = m_readError.empty();
       return Fail(
           Available() >= 4 ? Get32(Data()) : 0,
           "the file ends inside the block header, after " + std::to_string(Available()) + " bytes");
@@ -180,6 +181,7 @@ PcapngReader::Status PcapngReader::Next(CapturedTrap* trap) {
                             std::to_string(kMaxBlockLength));
     }
     if (!Fill(length)) {
+      m_cutShort = m_readError.empty();
       return Fail(type, "the file ends inside the block, after " + std::to_string(Available()) +
                             " of its " + std::to_string(length) + " bytes");
     }

@@ -36,6 +36,9 @@ class PcapngReader {
   Status Next(CapturedTrap* trap);
 
   const std::string& error() const { return m_error; }
+  // Whether the error is only that the input ends inside a block, as a file does when its writer
+  // was killed: everything before it is whole.
+  bool cutShort() const { return m_cutShort; }
   // Traps the capture itself lost just before the last trap given back.
   uint32_t toolDrops() const { return m_toolDrops; }
   // The writing program named by the last section header (shb_userappl), empty when none.
@@ -79,6 +82,7 @@ class PcapngReader {
   uint64_t m_block = 0;   // the current block's number, from 1
   bool m_inSection = false;
   bool m_failed = false;
+  bool m_cutShort = false;
   std::vector<Interface> m_interfaces;
   std::string m_error;
   std::string m_readError;  // why the input ended early, when a read failed
