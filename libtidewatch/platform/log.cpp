@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
-#include <string>
+#include <cstring>
 
 #include "libtidewatch/platform/log_writer.h"
 
@@ -25,24 +25,21 @@ bool LogEnabled(int priority) { return GetLogThreshold() <= priority; }
 
 void LogPrint(int priority, const char* format, ...) {
   if (!LogEnabled(priority)) return;
-  char small[512];
+  // The device's logger keeps about 4 KiB of a message; a longer text is cut here on every
+  // platform, marked, so that a huge value (a line of a file, say) costs no more than that.
+  static constexpr size_t kMaxText = 4000;
+  static constexpr char kCutMark[] = "...[cut]";
+  char buffer[kMaxText + sizeof(kCutMark)];
   va_list args;
   va_start(args, format);
-  va_list copy;
-  va_copy(copy, args);
-  int n = vsnprintf(small, sizeof(small), format, args);
+  int n = vsnprintf(buffer, kMaxText + 1, format, args);
   va_end(args);
-  std::string large;
-  const char* text = small;
+  const char* text = buffer;
   if (n < 0) {
     text = format;  // an unformattable message still says something
-  } else if (static_cast<size_t>(n) >= sizeof(small)) {
-    large.resize(static_cast<size_t>(n) + 1);
-    vsnprintf(&large[0], large.size(), format, copy);
-    large.resize(static_cast<size_t>(n));
-    text = large.c_str();
+  } else if (static_cast<size_t>(n) > kMaxText) {
+    memcpy(buffer + kMaxText, kCutMark, sizeof(kCutMark));
   }
-  va_end(copy);
   LogSink sink = g_sink.load(std::memory_order_acquire);
   if (sink != nullptr) {
     sink(priority, kLogTag, text);

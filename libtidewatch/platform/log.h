@@ -27,7 +27,8 @@ void SetLogSink(LogSink sink);
 // Whether a message of `priority` would be written; callers use it to skip work done only for a log.
 bool LogEnabled(int priority);
 
-// Formats and writes one message when the threshold admits `priority`.
+// Formats and writes one message when the threshold admits `priority`. A text longer than 4000
+// bytes is cut there and ends with "...[cut]", for the sink as for the platform's output.
 void LogPrint(int priority, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 }  // namespace libtidewatch

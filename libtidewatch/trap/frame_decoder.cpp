@@ -4,6 +4,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -258,10 +259,18 @@ bool FrameDecoder::LoadFromDESC(const char* path) {
     TW_LOGE("Bad parameter for LoadFromDESC. szPath is NULL.");
     return false;
   }
-  int fd = open(path, O_RDONLY | O_CLOEXEC);
+  // Non-blocking, so that opening a FIFO does not wait for a writer: only a regular file is read,
+  // as a device (/dev/zero) or a pipe could feed the reader without end or block it for ever.
+  int fd = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) {
     int err = errno;
     TW_LOGE("Failed to open [%s]. errno = [%d] (%s)", path, err, strerror(err));
+    return false;
+  }
+  struct stat info;
+  if (fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+    TW_LOGE("Failed to open [%s]: not a regular file", path);
+    close(fd);
     return false;
   }
 

@@ -1,6 +1,8 @@
 // The tool's binary against the emulated service through the life of real sessions: every
 // command's exact output and exit status, and the current-session file it keeps between runs.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -10,6 +12,14 @@
 #include "tests/support/scratch_dir.h"
 
 namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool kSanitized = false;
+#endif
 
 using tidewatch_test::CtrlResult;
 
@@ -127,16 +137,49 @@ TEST_F(CtrlSessionTest, FullSession) {
   Expect({"--get-session", "sessionId=1"}, "resp = [6], doerId = [0], sessionId = [1]\n", 6);
 }
 
-TEST_F(CtrlSessionTest, WithoutLayoutFileNamesAreNull) {
-  ASSERT_EQ(remove((dir_.path() + "/resources/twd_layout_desc.dat").c_str()), 0);
+TEST_F(CtrlSessionTest, WithoutAReadableLayoutNamesAreNull) {
   Expect({"--create-session"}, "1\n");
   Expect({"--subscribe-trap", "type=OTA", "msgId=1003"},
          "resp = [0], doerId = [0], sessionId = [1], type = [2], msgId = [1003]\n");
-  Expect({"--get-session"},
-         "  Session ID: [1]\n"
-         "Trap Enabled: [false]\n"
-         "Subscribed OTA Messages:\n"
-         "\t(null) (1003)\n");
+  const std::string layout = dir_.path() + "/resources/twd_layout_desc.dat";
+  const std::string fifo = dir_.path() + "/fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  tidewatch_test::ChildOptions options;
+  options.dir = dir_.path();
+  options.stderrPath = dir_.path() + "/stderr";
+  // Reading without end hits this at once. The sanitizers reserve far more address space up front.
+  if (!kSanitized) options.addressSpaceLimit = size_t{2} << 30;
+  const struct {
+    const char* name;
+    const char* linkTo;   // the layout path is a symbolic link to this
+    std::string content;  // else, when not empty, the file's content
+    bool regular;
+  } cases[] = {
+      {"missing", nullptr, "", true},
+      {"/dev/zero", "/dev/zero", "", false},
+      {"a FIFO", fifo.c_str(), "", false},
+      // A log message holds only the start of the line that failed.
+      {"a 20 MB line", nullptr, "#MSG_INFO\n" + std::string(20 * 1000 * 1000, 'A') + "\n", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    unlink(layout.c_str());
+    if (c.linkTo != nullptr) {
+      ASSERT_EQ(symlink(c.linkTo, layout.c_str()), 0);
+    } else if (!c.content.empty()) {
+      ASSERT_TRUE(dir_.Write("resources/twd_layout_desc.dat", c.content));
+    }
+    CtrlResult r = tidewatch_test::RunCtrl(options, {"--get-session"}, 10000);
+    EXPECT_EQ(r.out,
+              "  Session ID: [1]\n"
+              "Trap Enabled: [false]\n"
+              "Subscribed OTA Messages:\n"
+              "\t(null) (1003)\n");
+    EXPECT_EQ(r.status, 0);
+    std::string err = dir_.Read("stderr");
+    EXPECT_LT(err.size(), 1000u * 1000u);
+    EXPECT_EQ(err.find("not a regular file") != std::string::npos, !c.regular) << err;
+  }
 }
 
 }  // namespace

@@ -57,12 +57,15 @@ TEST_F(LogTest, MacroSkipsArgumentsBelowThreshold) {
   EXPECT_EQ(lines[0].text, "1");
 }
 
-TEST_F(LogTest, LongMessagesAreWrittenWhole) {
+TEST_F(LogTest, TextsBeyond4000BytesAreCutAndMarked) {
   SetLogSink(&Record);
-  std::string big(5000, 'x');
-  TW_LOGE("[%s]", big.c_str());
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].text, "[" + big + "]");
+  const std::string head(4000, 'x');
+  for (size_t length : {3999u, 4000u, 4001u, 20u * 1000 * 1000}) {
+    std::string text(length, 'x');
+    TW_LOGE("%s", text.c_str());
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().text, length <= 4000 ? text : head + "...[cut]") << length;
+  }
 }
 
 }  // namespace
