@@ -10,5 +10,6 @@ constexpr const char kCurSessionPath[] = "./current_session";
 // On failure `sessionId` is left as it was.
 bool GetCurSession(unsigned long& sessionId);
 
-// Replaces the file's content with `sessionId` in decimal (no newline), 0 included.
+// Replaces the file with one holding `sessionId` in decimal (no newline), 0 included. The new file
+// is written beside the old one and renamed over it, so a reader never sees it half-written.
 void SetCurSession(unsigned long sessionId);

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "tests/support/ctrl_process.h"
@@ -135,6 +137,30 @@ TEST_F(CtrlSessionTest, FullSession) {
   // The service's own codes pass through as the status.
   Expect({"--close-session", "sessionId=1"}, "resp = [6], doerId = [0], sessionId = [1]\n", 6);
   Expect({"--get-session", "sessionId=1"}, "resp = [6], doerId = [0], sessionId = [1]\n", 6);
+}
+
+TEST_F(CtrlSessionTest, ReadersNeverFindTheSessionFileEmpty) {
+  Expect({"--create-session"}, "1\n");
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+  int writes = 0;
+  std::thread writer([&] {
+    for (; std::chrono::steady_clock::now() < end; ++writes) {
+      tidewatch_test::RunCtrl(dir_.path(), {"--create-session"});
+    }
+  });
+  int reads = 0;
+  std::vector<std::string> failed;
+  for (; std::chrono::steady_clock::now() < end; ++reads) {
+    CtrlResult r = tidewatch_test::RunCtrl(dir_.path(), {"--list-session"});
+    if (r.out.find("sessionId failed") != std::string::npos ||
+        r.out.find("Failed to open") != std::string::npos) {
+      failed.push_back(r.out);
+    }
+  }
+  writer.join();
+  EXPECT_GT(writes, 10);
+  EXPECT_GT(reads, 10);
+  EXPECT_TRUE(failed.empty()) << failed.size() << " of " << reads << " reads, first: " << failed[0];
 }
 
 TEST_F(CtrlSessionTest, WithoutAReadableLayoutNamesAreNull) {
