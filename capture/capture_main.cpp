@@ -13,6 +13,8 @@
 #include "capture/json_printer.h"
 #include "capture/layout_source.h"
 #include "capture/message_selection.h"
+#include "capture/pcapng_output.h"
+#include "capture/read_capture.h"
 #include "capture/stop_signals.h"
 #include "capture/text_printer.h"
 #include "capture/trap_collector.h"
@@ -28,7 +30,8 @@ namespace capture {
 namespace {
 
 constexpr char kTool[] = "tide_watch_capture";
-constexpr int kTickMs = 250;           // progress updates and stop checks
+constexpr char kUserAppl[] = "tide_watch_capture 1.0";  // names the writer in capture files
+constexpr int kTickMs = 250;                            // progress updates and stop checks
 constexpr double kHealthPeriod = 1.0;  // seconds between checks of the command link
 constexpr int kRetryMs = 500;          // between attempts to reopen a session
 
@@ -109,6 +112,13 @@ int CaptureMain(int argc, char** argv) {
   CaptureOptions options;
   const int parsed = ParseCaptureOptions(argc, argv, &options);
   if (parsed >= 0) return parsed;
+  if (!options.readPath.empty()) return ReadCapture(options);
+  if (options.writePath == "-" && isatty(STDOUT_FILENO) == 1) {
+    Error(
+        "-w - writes binary pcapng to standard output, which is a terminal: redirect it to a "
+        "file or a pipe");
+    return kExitUsage;
+  }
 
   LoadedLayout layout;
   std::string error;
@@ -130,8 +140,24 @@ int CaptureMain(int argc, char** argv) {
   InstallStopSignals(&wakeup);
 
   TrapCollector collector(decoder, options.count, wakeup);
+  std::unique_ptr<PcapngOutput> file;
+  if (!options.writePath.empty()) {
+    PcapngOutput::Config config;
+    config.path = options.writePath;
+    config.ringBytes = static_cast<uint64_t>(options.ringMegabytes * 1e6);
+    config.ringFiles = options.ringFiles;
+    config.userAppl = kUserAppl;
+    file = std::make_unique<PcapngOutput>(config, &wakeup);
+    if (!file->Start(&error)) {
+      Error(error);
+      return kExitFailure;
+    }
+    collector.SetFile(file.get());
+  }
   std::unique_ptr<TrapSink> printer;
-  if (options.format == OutputFormat::kJson) {
+  if (options.writePath == "-") {
+    // Standard output holds the capture file.
+  } else if (options.format == OutputFormat::kJson) {
     if (!options.quiet) printer = std::make_unique<JsonPrinter>(STDOUT_FILENO);
   } else {
     printer = std::make_unique<TextPrinter>(STDOUT_FILENO, options.quiet);
@@ -206,13 +232,17 @@ int CaptureMain(int argc, char** argv) {
   if (!closed.empty()) facts.sessionOutcome = closed;
   facts.seconds = Now() - start;
   if (!collector.FinishSinks()) {
-    Error("cannot write the output");
+    Error(file != nullptr && !file->error().empty() ? file->error() : "cannot write the output");
     status = kExitFailure;
   }
   progress.Clear();
   if (options.summary) {
     const std::string summary = FormatSummary(collector.Stats(), facts);
     fwrite(summary.data(), 1, summary.size(), stderr);
+    if (file != nullptr && file->lost() != 0) {
+      fprintf(stderr, "dropped by the capture: %llu (the capture file fell behind)\n",
+              static_cast<unsigned long long>(file->lost()));
+    }
   }
   return status;
 }

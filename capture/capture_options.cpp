@@ -16,6 +16,10 @@ constexpr char kExamples[] =
     "  tide_watch_capture --em 2000,2001 --format json -c 100 > traps.jsonl\n"
     "  tide_watch_capture --ota LTE_RRC_PAGING --duration 60 -q\n"
     "  tide_watch_capture --list-messages --layout twd_layout_desc.dat\n"
+    "  tide_watch_capture --em 'EM_*' -w traps.pcapng -q\n"
+    "  tide_watch_capture --ota 'LTE_RRC_*' -w - | wireshark -k -i -\n"
+    "  tide_watch_capture --em 'EM_*' -w ring.pcapng -C 10 -W 5   (ring_00001_<time>.pcapng...)\n"
+    "  tide_watch_capture -r traps.pcapng --em 'EM_LTE_*' --format json\n"
     "\n"
     "Exit status: 0 after a normal stop, 1 for a failure at run time, 2 for a usage error.";
 
@@ -72,6 +76,26 @@ int ParseCaptureOptions(int argc, char** argv, CaptureOptions* options) {
       "--no-reconnect", [options] { options->reconnect = false; },
       "end with status 1 when the service dies, instead of waiting for it to come back");
 
+  app.add_option("-w,--write", options->writePath,
+                 "also write the traps to a pcapng capture file; '-' writes it to standard "
+                 "output, which then gets no per-trap lines (e.g. -w traps.pcapng)")
+      ->type_name("FILE");
+  app.add_option("-C,--file-size", options->ringMegabytes,
+                 "with -w FILE: start a new file when the current one reaches MB megabytes "
+                 "(10^6 bytes); files are named FILE_00001_YYYYmmddHHMMSS.ext, FILE_00002_... "
+                 "(e.g. -C 10)")
+      ->option_text("MB")
+      ->check(CLI::Range(0.001, 1e6));
+  app.add_option("-W,--file-count", options->ringFiles,
+                 "with -C: keep at most N files, deleting the oldest (e.g. -W 5)")
+      ->option_text("N")
+      ->check(CLI::Range(uint64_t{1}, uint64_t{1000000}));
+  app.add_option("-r,--read", options->readPath,
+                 "print the traps of a capture file written with -w, as the capture printed "
+                 "them; --ota and --em filter them by the names in the file (e.g. -r "
+                 "traps.pcapng)")
+      ->type_name("FILE");
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -81,8 +105,22 @@ int ParseCaptureOptions(int argc, char** argv, CaptureOptions* options) {
   }
   options->hasSecret = app.count("--secret") > 0;
   options->format = format == "json" ? OutputFormat::kJson : OutputFormat::kText;
+  const char* conflict = nullptr;
+  if (options->ringMegabytes > 0 && (options->writePath.empty() || options->writePath == "-")) {
+    conflict = "-C wants -w FILE: standard output cannot start new files";
+  } else if (options->ringFiles != 0 && options->ringMegabytes <= 0) {
+    conflict = "-W wants -C: only ring files are counted";
+  } else if (!options->readPath.empty() && !options->writePath.empty()) {
+    conflict = "-r reads a capture file; it cannot be combined with -w";
+  } else if (!options->readPath.empty() && options->sessionId != 0) {
+    conflict = "-r reads a capture file; it cannot be combined with --session";
+  }
+  if (conflict != nullptr) {
+    fprintf(stderr, "tide_watch_capture: %s\nRun with --help for more information.\n", conflict);
+    return kExitUsage;
+  }
   if (!options->listMessages && options->ota.empty() && options->em.empty() &&
-      options->sessionId == 0) {
+      options->sessionId == 0 && options->readPath.empty()) {
     fprintf(stderr,
             "tide_watch_capture: nothing to capture: give --ota or --em (or --session N)\n"
             "Run with --help for more information.\n");

@@ -29,6 +29,11 @@ struct CaptureOptions {
   bool quiet = false;    // no per-trap lines
   bool summary = true;   // the summary on standard error at the end
   bool verbose = false;  // the library's own log lines on standard error
+
+  std::string writePath;     // -w: a pcapng file ("-": standard output); empty: none
+  double ringMegabytes = 0;  // -C: a new file at this size (10^6 bytes); 0: one file
+  uint64_t ringFiles = 0;    // -W: keep at most this many ring files; 0: all
+  std::string readPath;      // -r: print this capture file instead of capturing
 };
 
 // Exit statuses of the tool.

@@ -100,6 +100,10 @@ void JsonPrinter::AppendTrap(std::string* out, const CapturedTrap& trap) {
     }
     out->push_back('}');
   }
+  if (trap.toolDrops != 0) {
+    Key(out, "capture_drops");
+    AppendUnsigned(out, trap.toolDrops);
+  }
   *out += "}\n";
 }
 

@@ -1,6 +1,7 @@
 // The JSON form of captured traps: one object per line with the keys seq, time, type, length;
 // trace_id, trace, sim, msg_id, msg, pdu_length, pdu (OTA); msg_id, msg, sim, fields, peer_count,
-// peers (EM); payload (other types); and discards where the service reported dropped traps. An
+// peers (EM); payload (other types); discards where the service reported dropped traps, and
+// capture_drops where the capture lost traps just before this one (its file fell behind). An
 // unknown name is null; a value the trap does not hold is left out.
 #pragma once
 

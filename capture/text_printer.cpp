@@ -29,6 +29,11 @@ void AppendName(std::string* out, const std::optional<std::string_view>& name,
 TextPrinter::TextPrinter(int fd, bool quiet) : m_out(fd), m_quiet(quiet) {}
 
 void AppendDroppedLine(std::string* out, const CapturedTrap& trap) {
+  if (trap.toolDrops != 0) {
+    *out += "dropped by the capture: ";
+    AppendUnsigned(out, trap.toolDrops);
+    *out += " (the capture file fell behind)\n";
+  }
   if (!trap.HasDiscards()) return;
   *out += "dropped by the service: ";
   AppendUnsigned(out, trap.discards[libtidewatch::TRAP_TYPE_OTA]);

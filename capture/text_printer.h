@@ -31,7 +31,8 @@ class TextPrinter : public TrapSink {
 };
 
 // "dropped by the service: N OTA, M EM", and the other types where the service named them, with
-// a line feed; nothing when the trap carried no discard counts.
+// a line feed; nothing when the trap carried no discard counts. Before it, the traps the capture
+// itself lost just before this one, when there were any.
 void AppendDroppedLine(std::string* out, const libtidewatch::CapturedTrap& trap);
 
 }  // namespace capture

@@ -57,6 +57,7 @@ void TrapCollector::Deliver(const libtidewatch::TrapDelivery& delivery) {
   // What arrived decides these, whatever the layout made of it.
   trap.decoded.type = delivery.type;
   trap.decoded.payload = {payload, payloadSize};
+  trap.toolDrops = m_file != nullptr ? m_file->Take(trap) : 0;
 
   m_stats.Count(trap);
   for (TrapSink* sink : m_sinks) sink->OnTrap(trap);
@@ -66,6 +67,7 @@ void TrapCollector::Deliver(const libtidewatch::TrapDelivery& delivery) {
   if (m_limit != 0 && m_stats.traps() >= m_limit) {
     // The last trap goes out now: no later delivery will drain it.
     for (TrapSink* sink : m_sinks) sink->OnDrained();
+    if (m_file != nullptr) m_file->Flush();
     m_pendingOutput = false;
     m_done.store(true, std::memory_order_release);
     m_wakeup.Notify();
@@ -79,6 +81,7 @@ void TrapCollector::Drained() {
   if (!m_pendingOutput) return;
   m_pendingOutput = false;
   for (TrapSink* sink : m_sinks) sink->OnDrained();
+  if (m_file != nullptr) m_file->Flush();
   CheckSinks();
 }
 
@@ -101,6 +104,7 @@ bool TrapCollector::FinishSinks() {
   std::lock_guard<std::mutex> lock(m_lock);
   bool ok = true;
   for (TrapSink* sink : m_sinks) ok = sink->Finish() && ok;
+  if (m_file != nullptr) ok = m_file->Finish() && ok;
   return ok;
 }
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "capture/capture_stats.h"
+#include "capture/pcapng_output.h"
 #include "capture/trap_sink.h"
 #include "capture/wakeup.h"
 #include "libtidewatch/trap/captured_trap.h"
@@ -25,6 +26,9 @@ class TrapCollector {
 
   // Not owned; added before the first trap arrives.
   void AddSink(TrapSink* sink) { m_sinks.push_back(sink); }
+  // The capture file (not owned), set before the first trap arrives. Each trap goes there before
+  // the sinks, so that they can show what the file lost just before it (CapturedTrap::toolDrops).
+  void SetFile(PcapngOutput* file) { m_file = file; }
 
   // Makes `receiver` deliver here. Detach it (or destroy it) before the collector goes.
   void Attach(libtidewatch::MonitorTrapReceiver* receiver);
@@ -34,14 +38,16 @@ class TrapCollector {
   static void OnDelivery(void* context, const libtidewatch::TrapDelivery& delivery);
   static void OnDrained(void* context);
 
-  // Whether the capture should end: the limit was reached or a sink failed.
-  bool Done() const { return m_done.load(std::memory_order_acquire); }
+  // Whether the capture should end: the limit was reached, or a sink or the file failed.
+  bool Done() const {
+    return m_done.load(std::memory_order_acquire) || (m_file != nullptr && m_file->Failed());
+  }
   // For the progress line, without taking the lock.
   uint64_t traps() const { return m_trapCount.load(std::memory_order_relaxed); }
   uint64_t dropped() const { return m_droppedCount.load(std::memory_order_relaxed); }
   // A copy, taken under the lock.
   CaptureStats Stats() const;
-  // Ends every sink; false when one of them failed.
+  // Ends every sink and the file; false when one of them failed.
   bool FinishSinks();
 
  private:
@@ -53,6 +59,7 @@ class TrapCollector {
   const uint64_t m_limit;
   const Wakeup& m_wakeup;
   std::vector<TrapSink*> m_sinks;
+  PcapngOutput* m_file = nullptr;
 
   mutable std::mutex m_lock;          // deliveries come by the listener thread and callback threads
   libtidewatch::CapturedTrap m_trap;  // reused, so that decoding allocates nothing per trap

@@ -387,6 +387,7 @@ bool PcapngReader::ReadTrapHeader(const uint8_t* data, uint32_t size, CapturedTr
     trap->discards[i] = Get32(data + 88 + 4 * i);
   }
   m_toolDrops = Get32(data + 124);
+  trap->toolDrops = m_toolDrops;
 
   const uint8_t* p = data + kTrapFixedSize;
   const uint8_t* const end = data + headerSize;

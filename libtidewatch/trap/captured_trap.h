@@ -18,6 +18,9 @@ struct CapturedTrap {
   TrapBytes record;
   // Traps of each type that the service reported dropped with this delivery (0 where it said none).
   uint32_t discards[TRAP_TYPE_NUM] = {};
+  // Traps the capture itself lost just before this one, when its file could not keep up: they
+  // never reached the file. Reported like the service's discards.
+  uint32_t toolDrops = 0;
   // Names point into the layout decoder (live) or into the reader's buffer (read back); byte
   // ranges into `record`.
   DecodedTrap decoded;
