@@ -1,12 +1,22 @@
-// Traps per second through the whole receiver process: the real `tide_watch_ctrl
-// --run-trap-receiver` with its output going to a file, fed at full speed with 64-byte trap
-// packets over its abstract socket, counting the "Receive frame" lines as they appear in the file.
-// No service runs (a private socket prefix), so only the socket road is measured.
+// Traps per second through a whole receiver process: the real `tide_watch_ctrl
+// --run-trap-receiver` with its output going to a pipe, fed at full speed with 64-byte trap
+// packets over its abstract socket, counting the "Receive frame" lines as they come out of the
+// pipe. The yardstick is the least possible receiver, run the same way: a process that reads the
+// socket with blocking reads, writes one line per trap and flushes once per read (this binary
+// itself, started with --least-receiver). Also timed: how soon a lone trap's line can be read from
+// the pipe (goal: within 20 ms). No service runs (a private socket prefix), so only the socket
+// road is measured.
 #include <benchmark/benchmark.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -25,8 +35,8 @@ namespace {
 using tidewatch_bench::Bytes;
 using Clock = std::chrono::steady_clock;
 using libtidewatch::ConnectAbstract;
+using libtidewatch::MakeAbstractAddress;
 using tidewatch_bench::ChildProcess;
-using tidewatch_bench::ScratchDir;
 using tidewatch_bench::TrapStream;
 using tidewatch_bench::WriteAll;
 
@@ -47,23 +57,22 @@ int ConnectWithRetry(const std::string& name, Clock::duration limit) {
   }
 }
 
-// Follows a file that another process appends lines to, counting the trap lines and the
-// receiver's creation line, and keeping the last trap line for a check of its content.
+// Follows the read end of a pipe that another process writes lines to, counting the trap lines
+// and the receiver's creation line, and keeping the last trap line for a check of its content.
 class OutputFollower {
  public:
-  explicit OutputFollower(const std::string& path) : m_fd(open(path.c_str(), O_RDONLY)) {}
+  explicit OutputFollower(int fd) : m_fd(fd) { fcntl(m_fd, F_SETFL, O_NONBLOCK); }
   ~OutputFollower() {
     if (m_fd >= 0) close(m_fd);
   }
   OutputFollower(const OutputFollower&) = delete;
   OutputFollower& operator=(const OutputFollower&) = delete;
 
-  bool ok() const { return m_fd >= 0; }
   uint64_t frames() const { return m_frames; }
   bool created() const { return m_created; }
   const std::string& lastFrame() const { return m_lastFrame; }
 
-  // Reads what has been appended since the last call.
+  // Reads what has been written since the last call, without waiting.
   void Poll() {
     char buf[64 << 10];
     ssize_t n;
@@ -84,7 +93,7 @@ class OutputFollower {
     }
   }
 
-  // Polls until `done()` holds; false when nothing new arrived for kStallLimit.
+  // Reads until `done()` holds; false when nothing new arrived for kStallLimit.
   template <class Done>
   bool WaitFor(Done done) {
     uint64_t lastFrames = m_frames;
@@ -98,7 +107,8 @@ class OutputFollower {
       } else if (Clock::now() - lastProgress > kStallLimit) {
         return false;
       }
-      std::this_thread::sleep_for(std::chrono::microseconds(200));
+      pollfd ready = {m_fd, POLLIN, 0};
+      poll(&ready, 1, 100);
     }
   }
 
@@ -110,50 +120,77 @@ class OutputFollower {
   bool m_created = false;
 };
 
-void BM_ReceiverProcess(benchmark::State& state) {
+// A receiver process with its output on a pipe, fed through a connection to its socket.
+class Receiver {
+ public:
+  // `command` serves abstract `socketName`; it prints a line starting with kCreatedPrefix once
+  // traps sent to it are handled.
+  Receiver(std::vector<std::string> command, const std::string& socketName)
+      : m_process(std::move(command)) {
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC) != 0) return;
+    const bool started = m_process.Start("", fds[1]);
+    close(fds[1]);
+    m_output.reset(new OutputFollower(fds[0]));
+    m_fd = started ? ConnectWithRetry(socketName, std::chrono::seconds(10)) : -1;
+    // Traps sent before the handler is installed (right after the creation line) would be
+    // dropped, so the line is awaited and a moment given on top.
+    if (m_fd >= 0 && m_output->WaitFor([&] { return m_output->created(); })) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+      m_ready = true;
+    }
+  }
+  ~Receiver() {
+    if (m_fd >= 0) close(m_fd);
+    m_process.Kill(SIGKILL);  // it never exits by itself
+  }
+
+  bool ready() const { return m_ready; }
+  int fd() const { return m_fd; }
+  OutputFollower& output() { return *m_output; }
+
+ private:
+  ChildProcess m_process;
+  std::unique_ptr<OutputFollower> m_output;
+  int m_fd = -1;
+  bool m_ready = false;
+};
+
+std::vector<std::string> ToolCommand(const std::string& server) {
+  return {std::string(TIDEWATCH_BIN_DIR) + "/tide_watch_ctrl", "--run-trap-receiver",
+          "sessionId=" + std::to_string(kSessionId), "servername=" + server};
+}
+
+std::vector<std::string> LeastCommand(const std::string& socketName) {
+  return {"/proc/self/exe", "--least-receiver", socketName};
+}
+
+// Streams 64-byte traps into `receiver` and counts their lines.
+void MeasureLines(benchmark::State& state, Receiver& receiver) {
   const size_t trapSize = static_cast<size_t>(state.range(0));
   uint64_t traps = 0;
   const Bytes stream = TrapStream(trapSize, kBatchBytes, &traps);
-
-  ScratchDir dir;
-  const std::string outPath = dir.ok() ? dir.File("receiver.out") : "";
-  int out = dir.ok() ? open(outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600) : -1;
-  if (out < 0) {
-    state.SkipWithError("cannot create the output file");
-    return;
-  }
-  const std::string server = ".tw_bench.receiver." + std::to_string(getpid());
-  ChildProcess receiver({std::string(TIDEWATCH_BIN_DIR) + "/tide_watch_ctrl", "--run-trap-receiver",
-                         "sessionId=" + std::to_string(kSessionId), "servername=" + server});
-  const bool started = receiver.Start(dir.path(), out);
-  close(out);
-  OutputFollower output(outPath);
-  int fd = started && output.ok()
-               ? ConnectWithRetry(std::to_string(kSessionId) + server, std::chrono::seconds(10))
-               : -1;
-  // The handler is installed right after the creation line is printed; traps sent before that
-  // would be dropped, so the line is awaited and a moment given on top.
-  if (fd < 0 || !output.WaitFor([&] { return output.created(); })) {
+  if (!receiver.ready()) {
     state.SkipWithError("the receiver did not come up");
-    if (fd >= 0) close(fd);
     return;
   }
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
-
+  OutputFollower& output = receiver.output();
   uint64_t sent = 0;
   for (auto _ : state) {
     sent += traps;
-    if (!WriteAll(fd, stream)) {
-      state.SkipWithError("write to the receiver failed");
-      break;
-    }
-    if (!output.WaitFor([&] { return output.frames() >= sent; })) {
-      state.SkipWithError("the receiver stopped printing traps");
+    // Written from another thread while this one drains the pipe: a receiver whose pipe is full
+    // stops reading its socket.
+    bool written = false;
+    std::thread writer([&] { written = WriteAll(receiver.fd(), stream); });
+    const bool printed = output.WaitFor([&] { return output.frames() >= sent; });
+    if (!printed) shutdown(receiver.fd(), SHUT_WR);  // lets a blocked writer return
+    writer.join();
+    if (!written || !printed) {
+      state.SkipWithError(written ? "the receiver stopped printing traps"
+                                  : "write to the receiver failed");
       break;
     }
   }
-  close(fd);
-  receiver.Kill(SIGKILL);  // it never exits by itself
   output.Poll();
 
   const std::string expectedEnd = "type = [" + std::to_string(libtidewatch::TRAP_TYPE_EM) +
@@ -170,7 +207,99 @@ void BM_ReceiverProcess(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(sent));
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * stream.size()));
 }
+
+void BM_ReceiverProcess(benchmark::State& state) {
+  const std::string server = ".tw_bench.receiver." + std::to_string(getpid());
+  Receiver receiver(ToolCommand(server), std::to_string(kSessionId) + server);
+  MeasureLines(state, receiver);
+}
 BENCHMARK(BM_ReceiverProcess)->Arg(64)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+void BM_LeastReceiverProcess(benchmark::State& state) {
+  const std::string name = ".tw_bench.least." + std::to_string(getpid());
+  Receiver receiver(LeastCommand(name), name);
+  MeasureLines(state, receiver);
+}
+BENCHMARK(BM_LeastReceiverProcess)->Arg(64)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+// One trap at a time into an idle receiver: the time until its line can be read from the pipe.
+// The mean is the benchmark's time; the worst case is the counter max_ms.
+void BM_LoneTrapLatency(benchmark::State& state) {
+  const std::string server = ".tw_bench.lone." + std::to_string(getpid());
+  Receiver receiver(ToolCommand(server), std::to_string(kSessionId) + server);
+  uint64_t traps = 0;
+  const Bytes trap = TrapStream(64, 64 + 19, &traps);
+  if (!receiver.ready() || traps != 1) {
+    state.SkipWithError("the receiver did not come up");
+    return;
+  }
+  OutputFollower& output = receiver.output();
+  double worst = 0;
+  uint64_t sent = 0;
+  for (auto _ : state) {
+    const auto start = Clock::now();
+    ++sent;
+    if (!WriteAll(receiver.fd(), trap) ||
+        !output.WaitFor([&] { return output.frames() >= sent; })) {
+      state.SkipWithError("the trap's line did not come");
+      break;
+    }
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    state.SetIterationTime(seconds);
+    worst = std::max(worst, seconds);
+    // Idle again before the next trap, as a lone trap finds the receiver.
+    state.PauseTiming();
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    state.ResumeTiming();
+  }
+  state.counters["max_ms"] = worst * 1e3;
+}
+BENCHMARK(BM_LoneTrapLatency)->Iterations(200)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// The least possible receiver (run as a child of this benchmark): serves abstract `name`, makes
+// blocking reads of 256 KiB, writes one line per trap as the tool does, and flushes once per read.
+// Bytes that are not a well-formed packet end it: the benchmark sends none.
+int RunLeastReceiver(const char* name) {
+  sockaddr_un addr;
+  socklen_t len = MakeAbstractAddress(name, &addr);
+  int server = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (server < 0 || bind(server, reinterpret_cast<sockaddr*>(&addr), len) != 0 ||
+      listen(server, 4) != 0) {
+    return 1;
+  }
+  printf("%sleast] was created.\n", kCreatedPrefix);
+  fflush(stdout);
+  std::vector<uint8_t> buffer(256 << 10);
+  for (;;) {
+    int client = accept(server, nullptr, nullptr);
+    if (client < 0) return 1;
+    size_t held = 0;
+    for (;;) {
+      ssize_t n = read(client, buffer.data() + held, buffer.size() - held);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      held += static_cast<size_t>(n);
+      size_t at = 0;
+      // A packet: 10 bytes of MCP header, then a trap record: type (1), length (4), payload.
+      while (held - at >= 15) {
+        const uint8_t* p = buffer.data() + at;
+        const size_t packet =
+            10 + (p[6] | p[7] << 8 | p[8] << 16 | static_cast<size_t>(p[9]) << 24);
+        if (packet > buffer.size()) return 1;
+        if (held - at < packet) break;
+        const uint32_t trapLength =
+            p[11] | p[12] << 8 | p[13] << 16 | static_cast<uint32_t>(p[14]) << 24;
+        printf("Receive frame: time = [%u] type = [%d] len =[%zu]\n", 0u, static_cast<int>(p[10]),
+               static_cast<size_t>(trapLength));
+        at += packet;
+      }
+      fflush(stdout);
+      memmove(buffer.data(), buffer.data() + at, held - at);
+      held -= at;
+    }
+    close(client);
+  }
+}
 
 // Prints the trap rate at the end, as the other throughput benchmarks do.
 class RateReporter : public benchmark::ConsoleReporter {
@@ -189,6 +318,12 @@ class RateReporter : public benchmark::ConsoleReporter {
       printf("%s: %.0f traps/s through the whole receiver process\n", rate.first.c_str(),
              rate.second);
     }
+    auto tool = m_rates.find("BM_ReceiverProcess/64/real_time");
+    auto least = m_rates.find("BM_LeastReceiverProcess/64/real_time");
+    if (tool != m_rates.end() && least != m_rates.end() && least->second > 0) {
+      printf("tool / least possible receiver: %.2f (goal: 0.30 or more)\n",
+             tool->second / least->second);
+    }
   }
 
  private:
@@ -198,6 +333,7 @@ class RateReporter : public benchmark::ConsoleReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 3 && strcmp(argv[1], "--least-receiver") == 0) return RunLeastReceiver(argv[2]);
   // A private prefix: no service is found, so the receiver registers nowhere and every trap
   // comes through its socket.
   setenv("TIDEWATCH_HAL_SOCKET_PREFIX",

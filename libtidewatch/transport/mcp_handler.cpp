@@ -1,16 +1,13 @@
 #include "libtidewatch/transport/mcp_handler.h"
 
 #include <cstring>
-#include <memory>
-#include <new>
 
 #include "libtidewatch/platform/log.h"
+#include "libtidewatch/transport/scratch_queue.h"
 #include "libtidewatch/transport/socket_connection.h"
 
 namespace libtidewatch {
 namespace {
-
-constexpr uint8_t kMagicBytes[4] = {0xAE, 0xCD, 0xE8, 0xF4};
 
 // Byte-wise so that the wire stays little-endian on any host and no read is ever unaligned.
 uint16_t LoadLE16(const uint8_t* p) { return static_cast<uint16_t>(p[0] | (p[1] << 8)); }
@@ -47,10 +44,10 @@ size_t GarbageRunLength(const DataQueue& q) {
   const size_t lastStart = q.size - kMcpHeaderSize;  // a header starting later cannot fit
   size_t i = 1;
   while (i <= lastStart) {
-    const void* hit = memchr(front + i, kMagicBytes[0], lastStart - i + 1);
+    const void* hit = memchr(front + i, kMcpMagicBytes[0], lastStart - i + 1);
     if (hit == nullptr) break;
     i = static_cast<size_t>(static_cast<const uint8_t*>(hit) - front);
-    if (memcmp(front + i, kMagicBytes, sizeof(kMagicBytes)) == 0) return i;
+    if (memcmp(front + i, kMcpMagicBytes, sizeof(kMcpMagicBytes)) == 0) return i;
     ++i;
   }
   return lastStart + 1;
@@ -98,76 +95,61 @@ bool WritePacket(const MCPInfo& in, volatile bool* stop, Put put, bool* complete
     return true;
   }
 
-  uint8_t field[4];
-  StoreLE32(field, HEADER_MAGIC);
-  if (!put(field, 4)) {
-    TW_LOGE("MCPHandler::WriteToConnection (HEADER_MAGIC) failed!");
-    return false;
-  }
-  if (Stopped(stop)) {
-    TW_LOGD("Stop flag is ON.");
-    return true;
-  }
-  StoreLE16(field, kMcpTypeMagics[in.type - 1].magic);
-  if (!put(field, 2)) {
-    TW_LOGE("MCPHandler::WriteToConnection (TYPE_Magic) failed!");
-    return false;
-  }
-  if (Stopped(stop)) {
-    TW_LOGD("Stop flag is ON.");
-    return true;
-  }
-  StoreLE32(field, length);
-  if (!put(field, 4)) {
-    TW_LOGE("MCPHandler::WriteToConnection (Len) failed!");
-    return false;
-  }
-  if (Stopped(stop)) {
-    TW_LOGD("Stop flag is ON.");
-    return true;
-  }
-  if (!put(in.data, length)) {
-    TW_LOGE("MCPHandler::WriteToConnection (Data) failed!");
-    return false;
+  uint8_t header[kMcpHeaderSize];
+  StoreLE32(header, HEADER_MAGIC);
+  StoreLE16(header + 4, kMcpTypeMagics[in.type - 1].magic);
+  StoreLE32(header + 6, length);
+  // Field by field, checking the stop flag in between, so that a stop cuts a long write short.
+  const struct {
+    const uint8_t* bytes;
+    size_t size;
+    const char* name;  // for the log
+  } pieces[] = {{header, 4, "HEADER_MAGIC"},
+                {header + 4, 2, "TYPE_Magic"},
+                {header + 6, 4, "Len"},
+                {in.data, length, "Data"}};
+  for (size_t i = 0; i < sizeof(pieces) / sizeof(pieces[0]); ++i) {
+    if (i > 0 && Stopped(stop)) {
+      TW_LOGD("Stop flag is ON.");
+      return true;
+    }
+    if (!put(pieces[i].bytes, pieces[i].size)) {
+      TW_LOGE("MCPHandler::WriteToConnection (%s) failed!", pieces[i].name);
+      return false;
+    }
   }
   *complete = true;
   return true;
 }
 
-// The one-shot reader's scratch queue. 256 KiB is too much for the stack of a platform callback
-// thread, and a fresh heap queue per trap is too slow at trap rates, so each thread keeps one on
-// the heap for its lifetime. A nested use on the same thread (a log sink that decodes packets)
-// gets a queue of its own.
-class ScratchQueue {
- public:
-  ScratchQueue() {
-    if (!t_busy) {
-      if (!t_queue) t_queue.reset(new (std::nothrow) DataQueue);
-      queue_ = t_queue.get();
-      t_busy = queue_ != nullptr;
-    } else {
-      own_.reset(new (std::nothrow) DataQueue);
-      queue_ = own_.get();
-    }
-    if (queue_ != nullptr) queue_->Reset();
-  }
-  ~ScratchQueue() {
-    if (queue_ != nullptr && !own_) t_busy = false;
-  }
-  ScratchQueue(const ScratchQueue&) = delete;
-  ScratchQueue& operator=(const ScratchQueue&) = delete;
-
-  DataQueue* get() { return queue_; }
-
- private:
-  static thread_local std::unique_ptr<DataQueue> t_queue;
-  static thread_local bool t_busy;
-  std::unique_ptr<DataQueue> own_;
-  DataQueue* queue_ = nullptr;
+enum class Framing {
+  kPacket,    // a whole packet is in the queue
+  kStopped,   // the stop flag is raised
+  kEmpty,     // no bytes at all
+  kNoHeader,  // no valid header in the bytes
+  kShort,     // a header whose payload has not all arrived
 };
 
-thread_local std::unique_ptr<DataQueue> ScratchQueue::t_queue;
-thread_local bool ScratchQueue::t_busy = false;
+// The checks both readers make, in order: the stop flag, any bytes at all, a header (found now,
+// or pending in `io` from an earlier call), then the whole payload. On kPacket the payload is the
+// first io.length bytes of `q`.
+Framing Frame(DataQueue& q, MCPInfo& io, volatile bool* stop) {
+  if (Stopped(stop)) {
+    TW_LOGD("Stop flag is ON.");
+    return Framing::kStopped;
+  }
+  if (q.size == 0) return Framing::kEmpty;
+  if (io.length == 0) {
+    if (!MCPHandler::SearchHeader(io, q)) return Framing::kNoHeader;
+    TW_LOGD("Header is found! Type = [%d] Payload length = [%zu]", static_cast<int>(io.type),
+            io.length);
+    if (Stopped(stop)) {
+      TW_LOGD("Stop flag is ON.");
+      return Framing::kStopped;
+    }
+  }
+  return q.size >= io.length ? Framing::kPacket : Framing::kShort;
+}
 
 }  // namespace
 
@@ -228,39 +210,28 @@ bool MCPHandler::SearchHeader(MCPInfo& out, DataQueue& q) {
 
 bool MCPHandler::ProcessFromBuffer(SocketConnection& c, MCPInfo& io, volatile bool* stop) {
   DataQueue& q = c.ReadQueue();
-  if (Stopped(stop)) {
-    TW_LOGD("Stop flag is ON.");
-    return false;
-  }
-  if (q.size == 0) {
-    TW_LOGD("No packet received.");
-    return false;
-  }
-  for (;;) {
-    if (Stopped(stop)) {
-      TW_LOGD("Stop flag is ON.");
+  if (!FrameInPlace(q, io, stop)) return false;
+  const size_t length = io.length;
+  io.SetData(io.type, length, q.Front(), true);
+  q.Pop(length);
+  return true;
+}
+
+bool MCPHandler::FrameInPlace(DataQueue& q, MCPInfo& io, volatile bool* stop) {
+  switch (Frame(q, io, stop)) {
+    case Framing::kPacket:
+      TW_LOGD("One packet is processed.");
+      io.SetData(io.type, io.length, q.Front(), false);
+      return true;
+    case Framing::kStopped:
       return false;
-    }
-    if (io.length != 0) break;  // a header found by an earlier call awaits its payload
-    if (!SearchHeader(io, q)) {
-      TW_LOGD("No packet received.");
-      return false;
-    }
-    TW_LOGD("Header is found! Type = [%d] Payload length = [%zu]", static_cast<int>(io.type),
-            io.length);
-    if (q.size == 0) {
-      TW_LOGD("No packet received.");
-      return false;
-    }
+    case Framing::kShort:
+      TW_LOGD("Data size [%zu] < Payload length [%zu]. Wait for next time.", q.size, io.length);
+      break;
+    case Framing::kEmpty:
+    case Framing::kNoHeader:
+      break;
   }
-  if (q.size >= io.length) {
-    TW_LOGD("One packet is processed.");
-    const size_t length = io.length;
-    io.SetData(io.type, length, q.Front(), true);
-    q.Pop(length);
-    return true;
-  }
-  TW_LOGD("Data size [%zu] < Payload length [%zu]. Wait for next time.", q.size, io.length);
   TW_LOGD("No packet received.");
   return false;
 }
@@ -278,28 +249,27 @@ bool MCPHandler::ProcessFromBuffer(const uint8_t* bytes, size_t len, MCPInfo& ou
     TW_LOGE("ProcessFromBuffer dataQ.Push false");
     return false;
   }
-  if (q->size == 0) {
-    TW_LOGE("dataQ size is 0.");
-    return false;
+  // A self-contained buffer starts a packet of its own: nothing is pending.
+  if (out.length != 0) out.SetData(MCP_TYPE_NONE, 0, nullptr, false);
+  switch (Frame(*q, out, stop)) {
+    case Framing::kPacket:
+      TW_LOGD("One packet is processed.");
+      out.SetData(out.type, out.length, q->Front(), true);
+      TW_LOGD("MCPHandler::ProcessFromBuffer done");
+      return true;
+    case Framing::kStopped:
+      break;
+    case Framing::kEmpty:
+      TW_LOGE("dataQ size is 0.");
+      break;
+    case Framing::kNoHeader:
+      TW_LOGE("No Header in current buffer.");
+      break;
+    case Framing::kShort:
+      TW_LOGE("Data size [%zu] < Payload length [%zu].", q->size, out.length);
+      break;
   }
-  if (Stopped(stop)) {
-    TW_LOGD("Stop flag is ON.");
-    return false;
-  }
-  if (!SearchHeader(out, *q)) {
-    TW_LOGE("No Header in current buffer.");
-    return false;
-  }
-  TW_LOGD("Header is found! Type = [%d] Payload length = [%zu]", static_cast<int>(out.type),
-          out.length);
-  if (q->size < out.length) {
-    TW_LOGE("Data size [%zu] < Payload length [%zu].", q->size, out.length);
-    return false;
-  }
-  TW_LOGD("One packet is processed.");
-  out.SetData(out.type, out.length, q->Front(), true);
-  TW_LOGD("MCPHandler::ProcessFromBuffer done");
-  return true;
+  return false;
 }
 
 }  // namespace libtidewatch

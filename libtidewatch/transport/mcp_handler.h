@@ -1,6 +1,6 @@
-// Writing MCP packets to queues and connections, and cutting them out of byte streams, resynchronising
-// on damaged input. Stateless: the only framing state is the header-only MCPInfo a stream reader
-// keeps between calls. A null `stop` never stops an operation early.
+// Writing MCP packets to queues and connections, and cutting them out of byte streams,
+// resynchronising on damaged input. Stateless: the only framing state is the header-only MCPInfo a
+// stream reader keeps between calls. A null `stop` never stops an operation early.
 #pragma once
 
 #include <cstddef>
@@ -26,6 +26,10 @@ class MCPHandler {
   // Cuts the next whole packet out of the connection's read queue. A header whose payload has not
   // all arrived stays pending in `io`; the caller empties `io` after consuming a packet.
   static bool ProcessFromBuffer(SocketConnection& c, MCPInfo& io, volatile bool* stop);
+  // The same without the copy: a whole packet stays where it lies at the front of `q`, and `io`
+  // borrows it. The caller hands it on, then pops io.length bytes from `q` (the packet stays valid
+  // until then) and empties `io`.
+  static bool FrameInPlace(DataQueue& q, MCPInfo& io, volatile bool* stop);
   // Decodes the first packet of a self-contained buffer into `out`; bytes after it are ignored.
   static bool ProcessFromBuffer(const uint8_t* bytes, size_t len, MCPInfo& out,
                                 volatile bool* stop);

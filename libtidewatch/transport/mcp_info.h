@@ -23,6 +23,10 @@ enum MCP_TYPE : uint32_t {
 };
 
 constexpr uint32_t HEADER_MAGIC = 0xF4E8CDAE;
+// HEADER_MAGIC as it appears on the wire, for byte searches.
+constexpr uint8_t kMcpMagicBytes[4] = {
+    static_cast<uint8_t>(HEADER_MAGIC), static_cast<uint8_t>(HEADER_MAGIC >> 8),
+    static_cast<uint8_t>(HEADER_MAGIC >> 16), static_cast<uint8_t>(HEADER_MAGIC >> 24)};
 constexpr size_t kMcpHeaderSize = 10;
 constexpr size_t kMcpMaxPayload = 0x20000;  // 131072
 

@@ -10,6 +10,9 @@ bool IsDefinedType(MCP_TYPE type) { return type >= MCP_TYPE_CMD && type <= MCP_T
 
 void Empty(MCPInfo& packet) { packet.SetData(MCP_TYPE_NONE, 0, nullptr, false); }
 
+// About 8 MiB of 128 KiB reads before the listener looks at its other connections again.
+constexpr int kMaxReadsPerWakeup = 64;
+
 }  // namespace
 
 MCPReceiver::MCPReceiver() = default;
@@ -32,45 +35,60 @@ bool MCPReceiver::DataIn(SocketConnection& conn) {
 
   std::unique_lock<std::mutex> lock(m_lock);
   ResumePending(conn);
-  if (!MCPHandler::ProcessFromBuffer(conn, current, nullptr)) {
-    ParkPending(conn);
-    TW_LOGD("MCPReceiver::DataIn done!");
-    return false;
-  }
+  DataQueue& q = conn.ReadQueue();
   MCPInfo answer;
   unsigned delivered = 0;
-  do {
-    if (!IsDefinedType(current.type)) {
-      TW_LOGE("MCP_TYPE type IS invalide");
-      Empty(current);
-      m_pending.erase(&conn);
-      FinishDelivery(delivered);
-      return false;
-    }
-    TW_LOGD("Receive MCP: type:[%d], len:[%zu], data:", static_cast<int>(current.type),
-            current.length);
-    Dispatch(answer, delivered);
-    if (answer.length != 0) {
-      TW_LOGD("Send MCP: type:[%d], len:[%zu], data:", static_cast<int>(answer.type),
-              answer.length);
-      // The write may wait for a slow peer; the callback road need not wait with it.
-      lock.unlock();
-      const bool written = MCPHandler::WriteToConnection(conn, answer, nullptr);
-      Empty(answer);
-      lock.lock();
-      Empty(current);  // the callback road may have used it meanwhile
-      if (!written) {
-        TW_LOGE("Failed to write socket. (write error)");
+  bool handled = false;
+  // The connection is drained, a bounded number of reads per wake-up: a busy sender then costs one
+  // `select` per many reads, while a flood still leaves room for the other connections and a stop.
+  for (int reads = 1;; ++reads) {
+    while (MCPHandler::FrameInPlace(q, current, nullptr)) {
+      if (!IsDefinedType(current.type)) {
+        TW_LOGE("MCP_TYPE type IS invalide");
+        Empty(current);
         m_pending.erase(&conn);
         FinishDelivery(delivered);
         return false;
       }
+      TW_LOGD("Receive MCP: type:[%d], len:[%zu], data:", static_cast<int>(current.type),
+              current.length);
+      const size_t length = current.length;
+      Dispatch(answer, delivered);  // the handler reads the packet where it lies in the queue
+      q.Pop(length);
+      handled = true;
+      if (answer.length != 0) {
+        TW_LOGD("Send MCP: type:[%d], len:[%zu], data:", static_cast<int>(answer.type),
+                answer.length);
+        // The write may wait for a slow peer; the callback road need not wait with it.
+        lock.unlock();
+        const bool written = MCPHandler::WriteToConnection(conn, answer, nullptr);
+        Empty(answer);
+        lock.lock();
+        Empty(current);  // the callback road may have used it meanwhile
+        if (!written) {
+          TW_LOGE("Failed to write socket. (write error)");
+          m_pending.erase(&conn);
+          FinishDelivery(delivered);
+          return false;
+        }
+      }
     }
-  } while (MCPHandler::ProcessFromBuffer(conn, current, nullptr));
+    size_t got = 0;
+    if (reads == kMaxReadsPerWakeup) break;
+    if (!conn.ReadMore(&got)) {
+      // The peer has gone (or the queue is full of rubbish): its half packet is dropped.
+      TW_LOGD("Failed to refresh buffer. (connection is lost)");
+      Empty(current);
+      m_pending.erase(&conn);
+      FinishDelivery(delivered);
+      return handled;
+    }
+    if (got == 0) break;
+  }
   ParkPending(conn);
   FinishDelivery(delivered);
   TW_LOGD("MCPReceiver::DataIn done!");
-  return true;
+  return handled;
 }
 
 bool MCPReceiver::DataIn(const uint8_t* data, size_t len, DataQueue& replyQueue) {

@@ -77,7 +77,12 @@ bool SocketConnection::Write(const uint8_t* data, size_t len, const volatile boo
   return true;
 }
 
-bool SocketConnection::ReadToBuffer() {
+bool SocketConnection::ReadToBuffer() { return Read(kReadRetries, nullptr); }
+
+bool SocketConnection::ReadMore(size_t* got) { return Read(0, got); }
+
+bool SocketConnection::Read(int retries, size_t* got) {
+  if (got != nullptr) *got = 0;
   TW_LOGD("BufferedConnection::ReadToBuffer. There're [%zu] bytes of data in dataQ.", dataQ.size);
   TW_LOGD("SocketConnection::Read");
   uint8_t* buffer = dataQ.SpaceStart();
@@ -98,13 +103,13 @@ bool SocketConnection::ReadToBuffer() {
   }
   ssize_t n = read(fd, buffer, bufferSize);
   int err = n < 0 ? errno : 0;
-  for (int retry = 0; n < 0 && WouldBlockOrInterrupted(err) && retry < kReadRetries; ++retry) {
+  for (int retry = 0; n < 0 && WouldBlockOrInterrupted(err) && retry < retries; ++retry) {
     n = read(fd, buffer, bufferSize);
     err = n < 0 ? errno : 0;
   }
   if (n < 0 && WouldBlockOrInterrupted(err)) {
     // Nothing there after all: not an error, the connection stays.
-    TW_LOGD("No data to read from fd: [%d], retry [%d] times when err = [%s](%d)", fd, kReadRetries,
+    TW_LOGD("No data to read from fd: [%d], retry [%d] times when err = [%s](%d)", fd, retries,
             strerror(err), err);
     n = 0;
   } else if (n < 0) {
@@ -120,6 +125,7 @@ bool SocketConnection::ReadToBuffer() {
     TW_LOGD("SocketConnection::Read done! read [%zd] bytes.", n);
   }
   dataQ.IncSize(static_cast<size_t>(n));
+  if (got != nullptr) *got = static_cast<size_t>(n);
   TW_LOGD("BufferedConnection::ReadToBuffer done! read [%zd] bytes.", n);
   return true;
 }

@@ -26,9 +26,13 @@ class SocketConnection {
   // other write error.
   bool Write(const uint8_t* data, size_t len, const volatile bool* stop);
 
-  // Reads what is available into the read queue. False when the queue is full, on a read error,
-  // or when the peer has closed (the connection is then invalid).
+  // Reads what is available into the read queue, trying again a few times when nothing is there
+  // yet. False when the queue is full, on a read error, or when the peer has closed (the connection
+  // is then invalid).
   virtual bool ReadToBuffer();
+  // The same with a single attempt, for draining a connection after a first read: `*got` is the
+  // number of bytes read, 0 when nothing more is waiting.
+  bool ReadMore(size_t* got);
 
   DataQueue& ReadQueue() { return dataQ; }
 
@@ -36,6 +40,9 @@ class SocketConnection {
   int fd;
   char address[kAddressSize] = {};
   DataQueue dataQ;
+
+ private:
+  bool Read(int retries, size_t* got);
 };
 
 }  // namespace libtidewatch

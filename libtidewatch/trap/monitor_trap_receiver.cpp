@@ -76,11 +76,12 @@ MonitorTrapReceiver::~MonitorTrapReceiver() {
 }
 
 bool MonitorTrapReceiver::ProcessPayload(const MCPInfo& in, MCPInfo& /*out*/) {
-  TrapPacker packer(in.data, in.length);
   const TrapHandler handler = trapHandler.load(std::memory_order_acquire);
   const TrapDeliveryHandler deliver = deliveryHandler.load(std::memory_order_acquire);
   if (handler == nullptr && deliver == nullptr) return true;
   void* context = userData.load(std::memory_order_acquire);
+  // Every handler's data is only valid during its call, so the packet's own bytes serve.
+  TrapPacker packer(in.data, in.length, TrapPacker::View());
 
   if (handler != nullptr) {
     // Only the two message-carrying types count as discarded traps.

@@ -28,6 +28,15 @@ TrapPacker::TrapPacker(const uint8_t* rawData, size_t length) {
   // Not value-initialised: clearing 64 KiB per trap costs more than the parse at high trap rates.
   m_rawData.reset(new uint8_t[kMaxRawLength]);
   memcpy(m_rawData.get(), rawData, length);
+  m_raw = m_rawData.get();
+  m_rawLength = length;
+  TW_LOGD("TrapPacker::Parse");
+  Parse();
+}
+
+TrapPacker::TrapPacker(const uint8_t* rawData, size_t length, View) {
+  if (rawData == nullptr || length == 0 || length > kMaxRawLength) return;
+  m_raw = rawData;
   m_rawLength = length;
   TW_LOGD("TrapPacker::Parse");
   Parse();
@@ -36,13 +45,13 @@ TrapPacker::TrapPacker(const uint8_t* rawData, size_t length) {
 uint32_t TrapPacker::ReadU32(uint64_t offset) const {
   uint32_t value = 0;
   for (uint64_t i = 0; i < 4 && offset + i < m_rawLength; ++i) {
-    value |= static_cast<uint32_t>(m_rawData[offset + i]) << (8 * i);
+    value |= static_cast<uint32_t>(m_raw[offset + i]) << (8 * i);
   }
   return value;
 }
 
 void TrapPacker::Parse() {
-  const uint8_t* raw = m_rawData.get();
+  const uint8_t* raw = m_raw;
   uint64_t offset = 0;
   while (offset < m_rawLength) {
     const uint8_t recordType = raw[offset];
@@ -76,7 +85,7 @@ void TrapPacker::Parse() {
 }
 
 bool TrapPacker::ParseDiscardInfo(uint64_t offset) {
-  const uint8_t* raw = m_rawData.get();
+  const uint8_t* raw = m_raw;
   m_discardInfo = raw + offset;
   const uint32_t count = ReadU32(offset + 1);
   const uint64_t entries = offset + kRecordHeaderSize;
@@ -98,7 +107,7 @@ bool TrapPacker::ParseDiscardInfo(uint64_t offset) {
 }
 
 uint32_t TrapPacker::GetDiscardInfo(TRAP_TYPE type) const {
-  const uint64_t offset = m_discardInfo == nullptr ? 0 : m_discardInfo - m_rawData.get();
+  const uint64_t offset = m_discardInfo == nullptr ? 0 : m_discardInfo - m_raw;
   const uint32_t count = m_discardInfo == nullptr ? 0 : ReadU32(offset + 1);
   if (static_cast<uint16_t>(type) > kLastKnownType || count == 0) {
     TW_LOGD("No discard count.");
@@ -112,7 +121,7 @@ uint32_t TrapPacker::GetDiscardInfo(TRAP_TYPE type) const {
   // Initialised means the record ended exactly at the end of the data: every entry is present.
   const uint8_t* entry = m_discardInfo + kRecordHeaderSize;
   for (uint32_t i = 0; i < count; ++i, entry += kDiscardEntrySize) {
-    if (entry[0] == type) return ReadU32(static_cast<uint64_t>(entry - m_rawData.get()) + 1);
+    if (entry[0] == type) return ReadU32(static_cast<uint64_t>(entry - m_raw) + 1);
   }
   return 0;
 }

@@ -26,6 +26,10 @@ class TrapPacker {
   // Copies and parses `length` bytes of `rawData`. Null data, or a length of 0 or above
   // kMaxRawLength, leaves the packer uninitialised without a word.
   TrapPacker(const uint8_t* rawData, size_t length);
+  // The same without the copy, for a reader done with the trap before its bytes change: the
+  // packer and what it returns point into `rawData`, which must outlive it unchanged.
+  struct View {};
+  TrapPacker(const uint8_t* rawData, size_t length, View);
   virtual ~TrapPacker() = default;
   TrapPacker(const TrapPacker&) = delete;
   TrapPacker& operator=(const TrapPacker&) = delete;
@@ -34,7 +38,8 @@ class TrapPacker {
   bool IsInitialized() const { return m_initialized; }
   // The last trap record's type; TRAP_TYPE_NONE when that type was unknown.
   TRAP_TYPE GetTrapType() const { return m_trapType; }
-  // The last trap record's payload, inside this packer's copy: valid while the packer lives.
+  // The last trap record's payload, inside this packer's copy (or the viewed bytes): valid while
+  // the packer lives.
   const uint8_t* GetTrapData() const { return m_trapData; }
   // The last trap record's declared length. It may exceed the bytes actually present behind
   // GetTrapData() when the record was cut short; never read past the raw length.
@@ -57,7 +62,8 @@ class TrapPacker {
   bool ParseDiscardInfo(uint64_t offset);
 
   bool m_initialized = false;
-  std::unique_ptr<uint8_t[]> m_rawData;
+  std::unique_ptr<uint8_t[]> m_rawData;  // the copy; empty for a view
+  const uint8_t* m_raw = nullptr;        // the bytes parsed: the copy or the viewed data
   size_t m_rawLength = 0;
   const uint8_t* m_trapData = nullptr;
   size_t m_trapDataLength = 0;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -65,6 +66,8 @@ TEST_F(TrapPackerTest, AcceptsOneRecordOfTheMaximumSize) {
   ASSERT_EQ(packer.GetTrapDataLength(), payload.size());
   EXPECT_EQ(Bytes(packer.GetTrapData(), packer.GetTrapData() + payload.size()), payload);
   EXPECT_NE(packer.GetTrapData(), data.data() + 5);  // a private copy
+  TrapPacker view(data.data(), data.size(), TrapPacker::View());
+  EXPECT_EQ(view.GetTrapData(), data.data() + 5);
 }
 
 // How whole buffers parse: the trap kept (the last record wins), and the errors logged.
@@ -154,12 +157,17 @@ TEST_F(TrapPackerTest, WalksRecords) {
        {kLast, kFailed}},
   };
   for (const auto& c : cases) {
-    log_.Clear();
-    TrapPacker packer(c.data.data(), c.data.size());
-    EXPECT_EQ(packer.IsInitialized(), c.initialized) << c.name;
-    EXPECT_EQ(packer.GetTrapType(), c.type) << c.name;
-    EXPECT_EQ(packer.GetTrapDataLength(), c.length) << c.name;
-    EXPECT_EQ(log_.Lines(kLogError), c.errors) << c.name;
+    for (bool view : {false, true}) {  // a view must parse exactly as a copy does
+      SCOPED_TRACE(view ? "view" : "copy");
+      log_.Clear();
+      auto packer =
+          view ? std::make_unique<TrapPacker>(c.data.data(), c.data.size(), TrapPacker::View())
+               : std::make_unique<TrapPacker>(c.data.data(), c.data.size());
+      EXPECT_EQ(packer->IsInitialized(), c.initialized) << c.name;
+      EXPECT_EQ(packer->GetTrapType(), c.type) << c.name;
+      EXPECT_EQ(packer->GetTrapDataLength(), c.length) << c.name;
+      EXPECT_EQ(log_.Lines(kLogError), c.errors) << c.name;
+    }
   }
 }
 
