@@ -45,6 +45,7 @@ void BM_ReportOfAMillionTraps(benchmark::State& state) {
       trap.seq = i + 1;
       trap.timeUs = kT0 + kSpanUs * i / kTraps;
       trap.decoded.Clear();
+      trap.decoded.payload = {record + 5, sizeof(record) - 5};
       trap.decoded.sim = {static_cast<uint64_t>(i & 1), true};
       trap.discards[libtidewatch::TRAP_TYPE_EM] = i % 50'000 == 7 ? 25 : 0;
       if (i % 3 == 0) {

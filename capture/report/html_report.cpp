@@ -42,7 +42,10 @@ std::string CountsByType(const uint64_t (&counts)[TRAP_TYPE_NUM]) {
   for (size_t t = 0; t < TRAP_TYPE_NUM; ++t) {
     if (counts[t] == 0) continue;
     if (!text.empty()) text += ", ";
-    text += GroupedNumber(counts[t]) + " " + TypeName(t);
+    // A capture file counts its own losses without their types.
+    text +=
+        GroupedNumber(counts[t]) +
+        (t == libtidewatch::TRAP_TYPE_NONE ? " of unknown type" : " " + std::string(TypeName(t)));
   }
   return text;
 }
@@ -131,9 +134,10 @@ void HtmlReport::RenderHeader(std::string* out) const {
   if (!m_data.stoppedAt.empty()) {
     out->append(
         "<div class=\"alert\" id=\"damaged\"><strong>The capture is damaged.</strong> "
-        "Reading stopped ");
+        "Reading stopped at ");
     AppendEscaped(m_data.stoppedAt, out);
-    out->append(". This report shows the ").append(GroupedNumber(m_data.traps));
+    out->append(m_data.stoppedAt.back() == '.' ? " " : ". ");
+    out->append("This report shows the ").append(GroupedNumber(m_data.traps));
     out->append(" traps read before that point.</div>\n");
   }
 }
@@ -242,23 +246,33 @@ void HtmlReport::RenderRates(std::string* out) const {
   SvgChart chart(start, end, kRateWidth, kRateHeight);
   chart.SetValueLabel("traps per second");
   chart.SetFromZero(true);
+  // Rates over slices of at least a second (a twentieth of a short capture), so that traps that
+  // come in bursts do not draw a comb.
+  const int64_t target = std::min<int64_t>(1'000'000, (end - start) / 20);
+  size_t per = 1;
+  while (static_cast<int64_t>(per) * width < target && per < d.grid.capacity()) per *= 2;
+  const int64_t slice = static_cast<int64_t>(per) * width;
   out->append("<div class=\"legend\">");
   for (size_t t = 0; t < TRAP_TYPE_NUM; ++t) {
     if (d.trapsByType[t] == 0) continue;
     ChartLine line;
     line.label = std::string(TypeName(t)) + " traps per second";
     line.colour = TypeColour(t);
-    for (size_t b = 0; b < d.grid.used(); ++b) {
-      int64_t from = d.grid.BucketStartUs(b);
+    for (size_t first = 0; first < d.grid.used(); first += per) {
+      int64_t from = d.grid.BucketStartUs(first);
       // A slice cut by the capture's start or end holds fewer traps: divide by the time it
       // covers, and leave out a sliver too short to give a rate.
-      int64_t covered = std::min(from + width, end) - std::max(from, start);
-      if (covered < width / 4) {
-        if (end - start >= width / 4) continue;
-        covered = width;  // the whole capture is a sliver
+      int64_t covered = std::min(from + slice, end) - std::max(from, start);
+      if (covered < slice / 4) {
+        if (end - start >= slice / 4) continue;
+        covered = slice;  // the whole capture is a sliver
       }
-      double rate = d.typeBuckets[b].traps[t] / (covered / 1e6);
-      line.points.push_back({from + width / 2, rate, rate, rate});
+      uint64_t traps = 0;
+      for (size_t b = first; b < std::min(first + per, d.grid.used()); ++b) {
+        traps += d.typeBuckets[b].traps[t];
+      }
+      double rate = traps / (covered / 1e6);
+      line.points.push_back({from + slice / 2, rate, rate, rate});
     }
     LegendItem("c" + std::to_string(line.colour), TypeName(t), out);
     chart.AddLine(std::move(line));
@@ -286,7 +300,7 @@ void HtmlReport::RenderRates(std::string* out) const {
   out->append("</div><div class=\"card\">");
   chart.Render("Traps per second by trap type", out);
   out->append("</div><p class=\"note\">Averaged over time slices of ")
-      .append(Duration(width))
+      .append(Duration(slice))
       .append(".</p></section>\n");
 }
 
@@ -319,13 +333,20 @@ void HtmlReport::RenderEmCharts(std::string* out) const {
       std::string legend;
       std::string stats;
       size_t points = 0;
-      int colour = 0;
+      // A line per SIM, in SIM order, each SIM in the same colour on every chart.
+      std::vector<const FieldSeries*> sims;
       for (size_t index : message.series) {
-        const FieldSeries& s = d.series[index];
-        if (s.field != field) continue;
+        if (d.series[index].field == field) sims.push_back(&d.series[index]);
+      }
+      std::sort(sims.begin(), sims.end(), [](const FieldSeries* a, const FieldSeries* b) {
+        return std::make_pair(a->sim.present, a->sim.value) <
+               std::make_pair(b->sim.present, b->sim.value);
+      });
+      for (const FieldSeries* sim : sims) {
+        const FieldSeries& s = *sim;
         ChartLine line;
         line.label = title + " (" + SimText(s.sim) + ")";
-        line.colour = colour++;
+        line.colour = s.sim.present ? static_cast<int>(s.sim.value % 6) : 6;
         line.band = true;
         for (size_t b = 0; b < d.grid.used(); ++b) {
           const FieldBucket& fb = s.buckets[b];

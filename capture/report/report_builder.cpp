@@ -1,6 +1,7 @@
 #include "capture/report/report_builder.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 
@@ -86,22 +87,23 @@ void ReportBuilder::Add(const CapturedTrap& trap) {
     m_data.lastUs = std::max(m_data.lastUs, trap.timeUs);
   }
   ++m_data.traps;
-  m_data.bytes += trap.record.size;
+  m_data.bytes += decoded.payload.size;  // payload bytes, as the capture's summary counts them
   ++m_data.trapsByType[type];
   ++m_data.typeBuckets[bucket].traps[type];
 
+  // Names are counted per trap type: the key is the type's digit, then the label.
   m_scratch.assign(1, static_cast<char>('0' + type));
   AppendLabel(type, decoded, &m_scratch);
-  std::string_view label = std::string_view(m_scratch).substr(1);
-  NameStats* stats = StatsFor(type, label);
-  ++stats->count;
-  stats->bytes += trap.record.size;
+  size_t nameIndex = NameIndex(type, m_scratch);
+  NameStats& stats = nameIndex < m_data.names.size() ? m_data.names[nameIndex] : m_data.otherNames;
+  ++stats.count;
+  stats.bytes += decoded.payload.size;
 
   if (type == libtidewatch::TRAP_TYPE_EM && !decoded.fields.empty()) {
-    if (stats == &m_data.otherNames) {
-      m_data.unchartedValues += decoded.fields.size();
+    if (nameIndex < m_data.names.size()) {
+      AddFields(trap, bucket, nameIndex);
     } else {
-      AddFields(trap, bucket, stats->label);
+      m_data.unchartedValues += decoded.fields.size();
     }
   }
 
@@ -168,26 +170,24 @@ void ReportBuilder::SetStoppedAt(std::string_view where) {
   m_data.stoppedAt = std::string(where.substr(0, 1000));
 }
 
-NameStats* ReportBuilder::StatsFor(TRAP_TYPE type, std::string_view label) {
-  auto it = m_nameIndex.find(std::string_view(m_scratch));
-  if (it != m_nameIndex.end()) return &m_data.names[it->second];
-  if (m_data.names.size() >= kMaxNames) return &m_data.otherNames;
-  m_keys.push_back(std::make_unique<std::string>(m_scratch));
+size_t ReportBuilder::NameIndex(TRAP_TYPE type, std::string_view key) {
+  auto it = m_nameIndex.find(key);
+  if (it != m_nameIndex.end()) return it->second;
+  if (m_data.names.size() >= kMaxNames) return SIZE_MAX;
+  m_keys.push_back(std::make_unique<std::string>(key));
   m_nameIndex.emplace(*m_keys.back(), m_data.names.size());
   NameStats stats;
   stats.type = type;
-  stats.label = std::string(label);
+  stats.label = std::string(key.substr(1));
   m_data.names.push_back(std::move(stats));
-  return &m_data.names.back();
+  return m_data.names.size() - 1;
 }
 
-void ReportBuilder::AddFields(const CapturedTrap& trap, size_t bucket, std::string_view label) {
-  // EM messages are looked up by the same key as their names, so one map serves both.
-  size_t nameIndex = m_nameIndex.find(std::string_view(m_scratch))->second;
+void ReportBuilder::AddFields(const CapturedTrap& trap, size_t bucket, size_t nameIndex) {
   auto it = m_emIndex.find(nameIndex);
   if (it == m_emIndex.end()) {
     it = m_emIndex.emplace(nameIndex, m_data.emMessages.size()).first;
-    m_data.emMessages.push_back(EmMessage{std::string(label), {}});
+    m_data.emMessages.push_back(EmMessage{m_data.names[nameIndex].label, {}});
   }
   size_t messageIndex = it->second;
   const std::vector<libtidewatch::DecodedField>& fields = trap.decoded.fields;
@@ -199,8 +199,7 @@ void ReportBuilder::AddFields(const CapturedTrap& trap, size_t bucket, std::stri
       continue;
     }
     uint64_t v = fields[i].value;
-    FieldBucket& b = s->buckets[bucket];
-    MergeField(&b, FieldBucket{v, v, v, 1});
+    MergeField(&s->buckets[bucket], FieldBucket{v, v, v, 1});
     if (s->count == 0) {
       s->min = s->max = v;
     } else {

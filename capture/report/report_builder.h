@@ -38,15 +38,18 @@ class ReportBuilder {
   void SetSource(std::string_view source);
   // The run's start and end, when they are known apart from its traps' times.
   void SetSpan(int64_t startUs, int64_t endUs);
-  // Reading stopped early: `where` says where and why (shown as given, escaped).
+  // Reading stopped early: `where` says where and why ("block 12 (EPB 0x00000006) at byte offset
+  // 4096: ..."), shown after "Reading stopped at".
   void SetStoppedAt(std::string_view where);
 
   const ReportData& data() const { return m_data; }
 
  private:
   size_t PlaceInGrid(int64_t timeUs);
-  NameStats* StatsFor(libtidewatch::TRAP_TYPE type, std::string_view label);
-  void AddFields(const libtidewatch::CapturedTrap& trap, size_t bucket, std::string_view label);
+  // The index in m_data.names of the name under `key`, added when there is room; SIZE_MAX when
+  // the name is one too many.
+  size_t NameIndex(libtidewatch::TRAP_TYPE type, std::string_view key);
+  void AddFields(const libtidewatch::CapturedTrap& trap, size_t bucket, size_t nameIndex);
   FieldSeries* SeriesFor(EmMessage* message, size_t messageIndex, std::string_view field,
                          const libtidewatch::TrapNumber& sim, size_t hint);
   void AddDropEvent(const DropEvent& event);
@@ -55,7 +58,7 @@ class ReportBuilder {
   // Name (prefixed by its trap type) to index in m_data.names; the keys view m_keys' strings.
   std::unordered_map<std::string_view, size_t> m_nameIndex;
   std::vector<std::unique_ptr<std::string>> m_keys;
-  // Index in m_data.names to index in m_data.emMessages, for EM names.
+  // Index in m_data.names to index in m_data.emMessages, for EM names with fields.
   std::unordered_map<size_t, size_t> m_emIndex;
   std::string m_scratch;  // builds lookup keys without allocating per trap
 };

@@ -11,13 +11,13 @@
 
 #include <chrono>
 #include <cstdint>
-#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "capture/report/html_report.h"
 #include "capture/report/report_builder.h"
+#include "tests/support/report_charts.h"
 #include "tests/support/scratch_dir.h"
 
 namespace {
@@ -110,7 +110,8 @@ TEST_F(HtmlReportBrowserTest, ChartsEveryFieldWithNoConsoleMessage) {
     builder.Add(trap);
   }
   builder.AddToolDrop(kT0 + 400'000'000, libtidewatch::TRAP_TYPE_OTA, 4);
-  builder.SetStoppedAt("at block 3002 (offset 91234): the block runs past the end of the file");
+  builder.SetStoppedAt(
+      "block 3002 (EPB 0x00000006) at byte offset 91234: the block runs past the end");
   std::string page = dir_.path() + "/report.html";
   std::string error;
   ASSERT_TRUE(capture::HtmlReport(builder.data()).WriteFile(page, &error)) << error;
@@ -125,13 +126,10 @@ TEST_F(HtmlReportBrowserTest, ChartsEveryFieldWithNoConsoleMessage) {
   EXPECT_NE(dom.find("id=\"damaged\""), std::string::npos);
 
   // Two messages with three fields each: six charts, each with a line through its points.
-  std::regex chart(
-      "<figure class=\"card em-chart\" data-message=\"[^\"]*\" data-field=\"([A-Z]+)\""
-      " data-points=\"([0-9]+)\">.*?<path class=\"line\" d=\"M[0-9.,L]+\"");
   int charts = 0;
-  for (auto it = std::sregex_iterator(dom.begin(), dom.end(), chart); it != std::sregex_iterator();
-       ++it) {
-    EXPECT_GT(std::stoul((*it)[2]), 100u) << (*it)[1];
+  for (const tidewatch_test::ReportChart& chart : tidewatch_test::FindReportCharts(dom)) {
+    EXPECT_GT(chart.points, 100u) << chart.field;
+    EXPECT_TRUE(chart.drawn) << chart.field;
     ++charts;
   }
   EXPECT_EQ(charts, 6);

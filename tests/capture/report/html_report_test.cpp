@@ -4,12 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <set>
 #include <string>
 
 #include "capture/report/html_text.h"
 #include "capture/report/report_builder.h"
+#include "tests/support/report_charts.h"
 
 namespace {
 
@@ -81,7 +81,7 @@ TEST_F(HtmlReportTest, DrawsEveryFieldAndKeepsHostileTextAsText) {
   }
   builder_.AddToolDrop(kT0 + 1'000'000, libtidewatch::TRAP_TYPE_EM, 5);
   builder_.SetSource("</title><script>x()</script>");
-  builder_.SetStoppedAt("at block 12 (offset 4096): <truncated>");
+  builder_.SetStoppedAt("block 12 at byte offset 4096: <truncated>");
   std::string page = HtmlReport(builder_.data()).Render();
 
   EXPECT_NE(page.find("content=\"default-src 'none'; style-src 'unsafe-inline'\""),
@@ -93,17 +93,15 @@ TEST_F(HtmlReportTest, DrawsEveryFieldAndKeepsHostileTextAsText) {
   }
   EXPECT_NE(page.find("&lt;script&gt;alert(1)&lt;/script&gt;&lt;img src=//x.example/a"),
             std::string::npos);
-  EXPECT_NE(page.find("stopped at block 12 (offset 4096): &lt;truncated&gt;."), std::string::npos);
+  EXPECT_NE(page.find("stopped at block 12 at byte offset 4096: &lt;truncated&gt;. This report"),
+            std::string::npos);
 
   // A figure per field of each message, with points and a drawn line.
-  std::regex figure(
-      "<figure class=\"card em-chart\" data-message=\"([^\"]*)\" data-field=\"([^\"]*)"
-      "\" data-points=\"([0-9]+)\">.*?<path class=\"line\" d=\"M");
   std::set<std::string> charts;
-  for (auto it = std::sregex_iterator(page.begin(), page.end(), figure);
-       it != std::sregex_iterator(); ++it) {
-    EXPECT_GT(std::stoul((*it)[3]), 100u) << (*it)[2];
-    charts.insert((*it)[1].str() + "/" + (*it)[2].str());
+  for (const tidewatch_test::ReportChart& chart : tidewatch_test::FindReportCharts(page)) {
+    EXPECT_GT(chart.points, 100u) << chart.field;
+    EXPECT_TRUE(chart.drawn) << chart.field;
+    charts.insert(chart.message + "/" + chart.field);
   }
   EXPECT_EQ(charts,
             (std::set<std::string>{"EM_LTE_SERVING_CELL_INFO/RSRP", "EM_LTE_SERVING_CELL_INFO/SINR",

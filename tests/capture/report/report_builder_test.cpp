@@ -31,7 +31,7 @@ class ReportBuilderTest : public ::testing::Test {
     CapturedTrap trap;
     trap.seq = ++seq_;
     trap.timeUs = timeUs;
-    trap.record = {record_, 20};
+    trap.decoded.payload = {record_, 20};
     trap.decoded.type = type;
     trap.decoded.sim = {sim, true};
     if (!name.empty()) trap.decoded.msgName = std::string_view(buffer);
