@@ -15,6 +15,7 @@
 #include "capture/message_selection.h"
 #include "capture/pcapng_output.h"
 #include "capture/read_capture.h"
+#include "capture/report_sink.h"
 #include "capture/stop_signals.h"
 #include "capture/text_printer.h"
 #include "capture/trap_collector.h"
@@ -163,6 +164,16 @@ int CaptureMain(int argc, char** argv) {
     printer = std::make_unique<TextPrinter>(STDOUT_FILENO, options.quiet);
   }
   if (printer != nullptr) collector.AddSink(printer.get());
+  std::unique_ptr<ReportSink> report;
+  if (!options.reportPath.empty()) {
+    // Made sure of now, not found out after a long capture.
+    if (!ReportSink::CanWrite(options.reportPath, &error)) {
+      Error(error);
+      return kExitUsage;
+    }
+    report = std::make_unique<ReportSink>(options.reportPath, "live capture", true);
+    collector.AddSink(report.get());
+  }
 
   SessionPlan plan;
   plan.hasSecret = options.hasSecret;

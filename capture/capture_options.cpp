@@ -70,6 +70,10 @@ int ParseCaptureOptions(int argc, char** argv, CaptureOptions* options) {
       ->option_text("text|json")
       ->check(CLI::IsMember({"text", "json"}));
   app.add_flag("-q,--quiet", options->quiet, "no per-trap lines; the summary still comes");
+  app.add_option("--report", options->reportPath,
+                 "at the end, write an HTML report of the capture: charts of every EM field, "
+                 "traps per second, drops, the OTA timeline (e.g. --report capture.html)")
+      ->option_text("FILE");
   app.add_flag("-v,--verbose", options->verbose,
                "also show the library's log lines (its errors on the link and the layout)");
   app.add_flag_callback(

@@ -26,9 +26,10 @@ struct CaptureOptions {
   double durationSec = 0;  // stop after this long; 0: no limit
   bool reconnect = true;   // carry on after the service restarts
   OutputFormat format = OutputFormat::kText;
-  bool quiet = false;    // no per-trap lines
-  bool summary = true;   // the summary on standard error at the end
-  bool verbose = false;  // the library's own log lines on standard error
+  bool quiet = false;      // no per-trap lines
+  std::string reportPath;  // the HTML report to write at the end; empty: none
+  bool summary = true;     // the summary on standard error at the end
+  bool verbose = false;    // the library's own log lines on standard error
 
   std::string writePath;     // -w: a pcapng file ("-": standard output); empty: none
   double ringMegabytes = 0;  // -C: a new file at this size (10^6 bytes); 0: one file
