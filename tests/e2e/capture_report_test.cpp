@@ -1,0 +1,67 @@
+// The capture tool's --report on a live run against the emulated service: the page is written at
+// the end with a chart for every field of the EM message captured, and an output that cannot be
+// written is refused before any session is opened.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tests/support/ctrl_process.h"
+#include "tests/support/emulator_process.h"
+#include "tests/support/report_charts.h"
+#include "tests/support/scratch_dir.h"
+
+namespace {
+
+using tidewatch_test::CtrlProcess;
+
+class CaptureReportTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(dir_.path().empty());
+    ASSERT_TRUE(emulator_.Start({"--trap-rate=200"}));
+  }
+
+  // Runs the capture to its end; its exit status.
+  int Capture(const std::vector<std::string>& args) {
+    std::vector<std::string> all = {"--receiver-name", ".report" + std::to_string(getpid()), "-q"};
+    all.insert(all.end(), args.begin(), args.end());
+    if (!capture_.Start(dir_.path(), all)) return -1;
+    capture_.ReadAll();
+    return capture_.Wait();
+  }
+
+  tidewatch_test::ScratchDir dir_{"capture_report_test"};
+  tidewatch_test::EmulatorProcess emulator_;
+  CtrlProcess capture_{CtrlProcess::CaptureBinaryPath(), dir_.path() + "/capture.err"};
+};
+
+TEST_F(CaptureReportTest, LiveRunWritesItsReportAtTheEnd) {
+  ASSERT_EQ(Capture({"--em", "EM_LTE_SERVING_CELL_INFO", "--ota", "LTE_RRC_PAGING", "--duration",
+                     "1.5", "--report", "live.html"}),
+            0)
+      << dir_.Read("capture.err");
+  std::string page = dir_.Read("live.html");
+  std::set<std::string> fields;
+  for (const tidewatch_test::ReportChart& chart : tidewatch_test::FindReportCharts(page)) {
+    EXPECT_EQ(chart.message, "EM_LTE_SERVING_CELL_INFO");
+    EXPECT_GT(chart.points, 0u) << chart.field;
+    EXPECT_TRUE(chart.drawn) << chart.field;
+    fields.insert(chart.field);
+  }
+  EXPECT_EQ(fields, (std::set<std::string>{"EARFCN", "PCI", "RSRP", "RSRQ", "SINR"}));
+  EXPECT_NE(page.find("<td class=\"name\">LTE_RRC_PAGING</td>"), std::string::npos);
+  EXPECT_NE(page.find("live capture"), std::string::npos);
+  EXPECT_EQ(page.find("http://"), std::string::npos);
+  EXPECT_EQ(page.find("https://"), std::string::npos);
+}
+
+TEST_F(CaptureReportTest, UnwritableReportIsAUsageError) {
+  EXPECT_EQ(Capture({"--em", "2000", "--report", "missing/r.html"}), 2);
+  EXPECT_EQ(dir_.Read("capture.err"),
+            "tide_watch_capture: cannot write missing/r.html: No such file or directory\n");
+}
+
+}  // namespace
