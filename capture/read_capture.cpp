@@ -11,6 +11,7 @@
 #include "capture/json_printer.h"
 #include "capture/layout_source.h"
 #include "capture/read_filter.h"
+#include "capture/report_sink.h"
 #include "capture/text_printer.h"
 #include "libtidewatch/pcapng/pcapng_reader.h"
 
@@ -44,6 +45,15 @@ int ReadCapture(const CaptureOptions& options) {
     }
   }
 
+  std::unique_ptr<ReportSink> report;
+  if (!options.reportPath.empty()) {
+    if (!ReportSink::CanWrite(options.reportPath, &error)) {
+      Error(error);
+      return kExitUsage;
+    }
+    report = std::make_unique<ReportSink>(options.reportPath, options.readPath, false);
+  }
+
   libtidewatch::PcapngReader reader;
   if (!reader.Open(options.readPath, &error)) {
     Error(error);
@@ -62,7 +72,11 @@ int ReadCapture(const CaptureOptions& options) {
   libtidewatch::CapturedTrap trap;
   libtidewatch::PcapngReader::Status status;
   while ((status = reader.Next(&trap)) == libtidewatch::PcapngReader::kTrap) {
-    if (!filter.Matches(trap.decoded)) continue;
+    if (!filter.Matches(trap.decoded)) {
+      if (report != nullptr) report->OnSkippedTrap(trap);
+      continue;
+    }
+    if (report != nullptr) report->OnTrap(trap);
     if (stats.traps() == 0) firstUs = trap.timeUs;
     lastUs = trap.timeUs;
     stats.Count(trap);
@@ -82,6 +96,13 @@ int ReadCapture(const CaptureOptions& options) {
   if (status == libtidewatch::PcapngReader::kError) {
     Error(options.readPath + ": " + reader.error());
     exitStatus = kExitFailure;
+  }
+  if (report != nullptr) {
+    if (status == libtidewatch::PcapngReader::kError) report->OnReadStopped(reader.error());
+    if (status == libtidewatch::PcapngReader::kEnd && reader.hasStats()) {
+      report->OnFileStats(reader.stats());
+    }
+    if (!report->Finish()) exitStatus = kExitFailure;
   }
   if (options.summary) {
     RunFacts facts;

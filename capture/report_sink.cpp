@@ -35,6 +35,14 @@ bool ReportSink::CanWrite(const std::string& path, std::string* error) {
   return true;
 }
 
+void ReportSink::OnFileStats(const libtidewatch::PcapngSectionStats& stats) {
+  m_builder.SetSpan(stats.startUs, stats.endUs);
+  const uint64_t counted = m_builder.data().ToolDrops();
+  if (stats.toolDrops > counted) {
+    m_builder.AddToolDrop(stats.endUs, libtidewatch::TRAP_TYPE_NONE, stats.toolDrops - counted);
+  }
+}
+
 bool ReportSink::Finish() {
   if (m_live) m_builder.SetSpan(m_startUs, WallClockUs());
   std::string error;

@@ -6,13 +6,14 @@
 
 #include "capture/report/report_builder.h"
 #include "capture/trap_sink.h"
+#include "libtidewatch/pcapng/pcapng_writer.h"
 
 namespace capture {
 
 class ReportSink : public TrapSink {
  public:
   // Writes to `path` at Finish. `source` heads the page ("live capture", a file's path). A live
-  // run's span is from now to Finish; a file's comes from the file (builder().SetSpan).
+  // run's span is from now to Finish; a file's comes from the file (OnFileStats).
   ReportSink(std::string path, std::string source, bool live);
 
   // Whether `path` can be written (it is created, empty); false with a message when not.
@@ -23,9 +24,13 @@ class ReportSink : public TrapSink {
   bool Finish() override;
   bool Failed() const override { return m_failed; }
 
-  // For what a capture knows beside its traps: its own drops (AddToolDrop), a file's span, and
-  // where reading a damaged file stopped (SetStoppedAt).
-  ReportBuilder& builder() { return m_builder; }
+  // A trap that a filter leaves out: only the drops it carries are reported.
+  void OnSkippedTrap(const libtidewatch::CapturedTrap& trap) { m_builder.AddDrops(trap); }
+  // What a capture file says of itself when read to its end: its span, and the losses it counted
+  // at its close that no trap carried.
+  void OnFileStats(const libtidewatch::PcapngSectionStats& stats);
+  // Reading a damaged file stopped: `where` is the reader's error.
+  void OnReadStopped(const std::string& where) { m_builder.SetStoppedAt(where); }
 
  private:
   std::string m_path;

@@ -123,6 +123,14 @@ void ReportBuilder::Add(const CapturedTrap& trap) {
     }
   }
 
+  RecordDrops(trap, bucket);
+}
+
+void ReportBuilder::AddDrops(const CapturedTrap& trap) {
+  if (trap.HasDiscards() || trap.toolDrops != 0) RecordDrops(trap, PlaceInGrid(trap.timeUs));
+}
+
+void ReportBuilder::RecordDrops(const CapturedTrap& trap, size_t bucket) {
   if (trap.HasDiscards()) {
     DropEvent event;
     event.timeUs = trap.timeUs;
@@ -133,6 +141,16 @@ void ReportBuilder::Add(const CapturedTrap& trap) {
       sum += trap.discards[t];
     }
     m_data.typeBuckets[bucket].serviceDrops += sum;
+    AddDropEvent(event);
+  }
+  if (trap.toolDrops != 0) {
+    // The capture's own losses carry no type: they never reached the decoder's view.
+    DropEvent event;
+    event.timeUs = trap.timeUs;
+    event.byTool = true;
+    event.counts[libtidewatch::TRAP_TYPE_NONE] = trap.toolDrops;
+    m_data.toolDropsByType[libtidewatch::TRAP_TYPE_NONE] += trap.toolDrops;
+    m_data.typeBuckets[bucket].toolDrops += trap.toolDrops;
     AddDropEvent(event);
   }
 }

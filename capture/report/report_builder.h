@@ -32,6 +32,9 @@ class ReportBuilder {
 
   // Takes in one trap. Copies what it keeps: the trap's views may die when this returns.
   void Add(const libtidewatch::CapturedTrap& trap);
+  // Only the drops that `trap` carries (the service's discards, the capture's own losses): for a
+  // trap that is left out of the report, so that its drops are not.
+  void AddDrops(const libtidewatch::CapturedTrap& trap);
   // `count` traps of `type` (TRAP_TYPE_NONE: unknown) that this tool lost at `timeUs`.
   void AddToolDrop(int64_t timeUs, libtidewatch::TRAP_TYPE type, uint64_t count);
 
@@ -52,6 +55,7 @@ class ReportBuilder {
   void AddFields(const libtidewatch::CapturedTrap& trap, size_t bucket, size_t nameIndex);
   FieldSeries* SeriesFor(EmMessage* message, size_t messageIndex, std::string_view field,
                          const libtidewatch::TrapNumber& sim, size_t hint);
+  void RecordDrops(const libtidewatch::CapturedTrap& trap, size_t bucket);
   void AddDropEvent(const DropEvent& event);
 
   ReportData m_data;

@@ -1,6 +1,7 @@
-// The capture tool's --report on a live run against the emulated service: the page is written at
-// the end with a chart for every field of the EM message captured, and an output that cannot be
-// written is refused before any session is opened.
+// The capture tool's --report against the emulated service: on a live run the page is written at
+// the end with a chart for every field of the EM messages captured; a capture file read back gives
+// the same charts, and a damaged one a page that says where reading stopped; an output that cannot
+// be written is refused before anything else is done.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -56,6 +57,34 @@ TEST_F(CaptureReportTest, LiveRunWritesItsReportAtTheEnd) {
   EXPECT_NE(page.find("live capture"), std::string::npos);
   EXPECT_EQ(page.find("http://"), std::string::npos);
   EXPECT_EQ(page.find("https://"), std::string::npos);
+}
+
+TEST_F(CaptureReportTest, FileReadBackGivesTheSameChartsAndSaysWhereDamageStopsIt) {
+  ASSERT_EQ(Capture({"--em", "EM_LTE_SERVING_CELL_INFO,EM_NR_SERVING_CELL_INFO", "--duration", "1",
+                     "-w", "cap.pcapng", "--report", "live.html"}),
+            0)
+      << dir_.Read("capture.err");
+  ASSERT_EQ(Capture({"-r", "cap.pcapng", "--report", "read.html"}), 0) << dir_.Read("capture.err");
+  auto charts = [&](const std::string& name) {
+    std::vector<std::string> found;
+    for (const auto& c : tidewatch_test::FindReportCharts(dir_.Read(name))) {
+      found.push_back(c.message + "/" + c.field + "/" + std::to_string(c.points));
+    }
+    return found;
+  };
+  EXPECT_EQ(charts("read.html").size(), 10u);
+  EXPECT_EQ(charts("read.html"), charts("live.html"));
+
+  // Cut inside its last packets, the file gives what it holds, and the page says where it ended.
+  std::string file = dir_.Read("cap.pcapng");
+  ASSERT_GT(file.size(), 4000u);
+  ASSERT_TRUE(dir_.Write("cut.pcapng", file.substr(0, file.size() - 700)));
+  EXPECT_EQ(Capture({"-r", "cut.pcapng", "--report", "cut.html"}), 1);
+  std::string page = dir_.Read("cut.html");
+  EXPECT_NE(page.find("<div class=\"alert\" id=\"damaged\"><strong>The capture is damaged.</strong>"
+                      " Reading stopped at block "),
+            std::string::npos);
+  EXPECT_EQ(charts("cut.html").size(), 10u);
 }
 
 TEST_F(CaptureReportTest, UnwritableReportIsAUsageError) {
