@@ -1,11 +1,8 @@
 #include "capture/capture_session.h"
 
-#include <stddef.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <cstring>
+#include "libtidewatch/platform/abstract_socket.h"
 
 namespace capture {
 namespace {
@@ -19,18 +16,10 @@ constexpr int32_t kSecretRefused = 8;
 // made, because making it also registers the callback under that name, which would take the
 // other process's callback away from it.
 bool NameTaken(const std::string& name) {
-  sockaddr_un addr;
-  memset(&addr, 0, sizeof(addr));
-  addr.sun_family = AF_UNIX;
-  const size_t len = std::min(name.size(), sizeof(addr.sun_path) - 1);
-  memcpy(addr.sun_path + 1, name.data(), len);
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int fd = libtidewatch::ConnectAbstract(name);
   if (fd < 0) return false;
-  const bool taken =
-      connect(fd, reinterpret_cast<const sockaddr*>(&addr),
-              static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + len)) == 0;
   close(fd);
-  return taken;
+  return true;
 }
 
 std::string SubscriptionText(const Subscription& s) {

@@ -13,10 +13,7 @@
 #include <vector>
 
 #include "libtidewatch/api/monitor_types.h"
-
-namespace libtidewatch {
-class FrameDecoder;
-}
+#include "libtidewatch/trap/frame_decoder.h"
 
 namespace hal_emulator {
 
