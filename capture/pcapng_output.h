@@ -57,6 +57,8 @@ class PcapngOutput {
   bool ReaderGone() const { return m_readerGone.load(std::memory_order_acquire); }
   // Why it failed; empty when its reader went away. Read after Finish.
   const std::string& error() const { return m_error; }
+  // Encoded bytes not yet in the file; any thread.
+  uint64_t unwritten() const { return m_unwritten.load(std::memory_order_relaxed); }
   // Traps lost by the capture so far; any thread.
   uint64_t lost() const { return m_lost.load(std::memory_order_relaxed); }
 
