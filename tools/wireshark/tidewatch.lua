@@ -230,7 +230,7 @@ function tidewatch.dissector(tvb, pinfo, tree)
     local name = pdu_dissector_name(trace_name, msg_name)
     local d = name and get_dissector(name)
     if d then
-      pinfo.cols.info:append(" | ")
+      -- Keep our part of the Info column; the air message's dissector appends its own after it.
       pinfo.cols.info:fence()
       d:call(pdu:tvb(), pinfo, tree)
     end
