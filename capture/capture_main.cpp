@@ -218,6 +218,7 @@ int CaptureMain(int argc, char** argv) {
     session.Abandon();
     if (!options.reconnect) {
       facts.sessionOutcome = lost;
+      facts.endedWithoutService = true;
       status = kExitFailure;
       break;
     }
@@ -229,6 +230,7 @@ int CaptureMain(int argc, char** argv) {
       wakeup.Wait(kRetryMs);
     }
     facts.gapSeconds += Now() - gapStart;
+    facts.endedWithoutService = reopened != CaptureSession::OpenResult::kOk;
     if (reopened == CaptureSession::OpenResult::kFailed) {
       Error(error);
       status = kExitFailure;
@@ -239,9 +241,10 @@ int CaptureMain(int argc, char** argv) {
     }
   }
 
+  // Measured before the session is closed: what the summary reports is the capture itself.
+  facts.seconds = Now() - start;
   const std::string closed = session.Close();
   if (!closed.empty()) facts.sessionOutcome = closed;
-  facts.seconds = Now() - start;
   if (!collector.FinishSinks()) {
     Error(file != nullptr && !file->error().empty() ? file->error() : "cannot write the output");
     status = kExitFailure;

@@ -43,8 +43,8 @@ std::string FormatSummary(const CaptureStats& stats, const RunFacts& facts) {
   }
   out += '\n';
   if (facts.gaps != 0) {
-    out += Printf("service gaps: %" PRIu64 ", %.3f s without the service\n", facts.gaps,
-                  facts.gapSeconds);
+    out += Printf("service gaps: %" PRIu64 ", %.3f s without the service%s\n", facts.gaps,
+                  facts.gapSeconds, facts.endedWithoutService ? ", until the end" : "");
   }
   if (!facts.sessionOutcome.empty()) out += facts.sessionOutcome + '\n';
   return out;

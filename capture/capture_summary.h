@@ -10,10 +10,11 @@
 namespace capture {
 
 struct RunFacts {
-  double seconds = 0;          // from the start of the capture to its end
-  uint64_t gaps = 0;           // times the service went away and came back (or not)
-  double gapSeconds = 0;       // time spent without a service
-  std::string sessionOutcome;  // "session 7 closed", or empty when there was none at the end
+  double seconds = 0;                // from the start of the capture to its end
+  uint64_t gaps = 0;                 // times the service went away and came back (or not)
+  double gapSeconds = 0;             // time spent without a service
+  bool endedWithoutService = false;  // the last gap lasted to the end
+  std::string sessionOutcome;        // "session 7 closed", or empty when there was none at the end
 };
 
 // Several lines: totals and rate, then traps and bytes per message, dropped traps by type,

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,6 +61,20 @@ class CaptureTest : public ::testing::Test {
       std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     return false;
+  }
+
+  // Polls `done` until it holds or the deadline passes.
+  template <class Done>
+  static bool WaitFor(Done done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+    while (!done()) {
+      if (std::chrono::steady_clock::now() > deadline) return false;
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+  }
+  bool StderrHas(const std::string& text) {
+    return WaitFor([&] { return Stderr().find(text) != std::string::npos; });
   }
 
   // The sessions the service holds, as the root session lists them.
@@ -158,6 +173,96 @@ TEST_F(CaptureTest, EveryStopClosesTheSession) {
     }
     ++sessionId;
   }
+}
+
+TEST_F(CaptureTest, JsonLinesCarryNamesAndFields) {
+  StartService({"--trap-rate=100"});
+  StartCapture({"--em", "EM_LTE_SERVING_CELL_INFO", "--ota", "LTE_RRC_PAGING", "--format", "json",
+                "-c", "6"});
+  EXPECT_EQ(Finish(), 0);
+  const std::regex time(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)");
+  std::istringstream lines(out_);
+  std::string line;
+  int seq = 0;
+  while (std::getline(lines, line)) {
+    SCOPED_TRACE(line);
+    Json::Value trap;
+    ASSERT_TRUE(Json::Reader().parse(line, trap, false));
+    EXPECT_EQ(trap["seq"].asInt(), ++seq);
+    EXPECT_TRUE(std::regex_match(trap["time"].asString(), time));
+    if (trap["type"] == "EM") {
+      EXPECT_EQ(trap["msg_id"].asUInt64(), 2000u);
+      EXPECT_EQ(trap["msg"], "EM_LTE_SERVING_CELL_INFO");
+      EXPECT_TRUE(trap["fields"].isMember("EARFCN") && trap["fields"]["PCI"].isNumeric());
+    } else {
+      EXPECT_EQ(trap["type"], "OTA");
+      EXPECT_EQ(trap["msg"], "LTE_RRC_PAGING");
+      EXPECT_EQ(trap["trace"], "OTA_TRACE_LTE_RRC");
+      EXPECT_EQ(trap["pdu"].asString().size(), 2 * trap["pdu_length"].asUInt64());
+    }
+    EXPECT_TRUE(trap["sim"].isNumeric());
+    EXPECT_FALSE(trap.isMember("discards"));
+  }
+  EXPECT_EQ(seq, 6);
+}
+
+TEST_F(CaptureTest, StalledReaderReportsDroppedTraps) {
+  // Large traps fill the socket fast, and a stalled callback is dropped after 200 ms.
+  StartService({"--trap-rate=500", "--trap-size=4000", "--callback-timeout-ms=200"});
+  StartCapture({"--em", "2000", "--format", "json"});
+  ASSERT_TRUE(WaitEnabled(2));
+  ASSERT_NE(capture_.ReadLine(kWaitMs), "");
+  kill(capture_.pid(), SIGSTOP);
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  kill(capture_.pid(), SIGCONT);
+  std::string line;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
+  while (line.find("\"discards\":{\"EM\":") == std::string::npos &&
+         std::chrono::steady_clock::now() < deadline) {
+    line = capture_.ReadLine(kWaitMs);
+  }
+  EXPECT_NE(line.find("\"discards\":{\"EM\":"), std::string::npos);
+  // Traps keep coming after the stall (the callback was registered again), and the summary counts
+  // the drops.
+  EXPECT_NE(capture_.ReadLine(kWaitMs), "");
+  kill(capture_.pid(), SIGINT);
+  EXPECT_EQ(Finish(), 0);
+  std::smatch dropped;
+  const std::string err = Stderr();
+  ASSERT_TRUE(
+      std::regex_search(err, dropped, std::regex("dropped by the service: 0 OTA, (\\d+) EM")))
+      << err;
+  EXPECT_GT(std::stoul(dropped[1]), 0u);
+  EXPECT_EQ(Sessions(), "1\n");
+}
+
+TEST_F(CaptureTest, SurvivesARestartedService) {
+  StartService({"--trap-rate=50"});
+  StartCapture({"--em", "2000"});
+  ASSERT_TRUE(WaitEnabled(2));
+  ASSERT_NE(capture_.ReadLine(kWaitMs), "");
+  emulator_.Kill();
+  ASSERT_TRUE(emulator_.Restart());
+  // The new service starts its ids again from 1: the capture's new session is 1.
+  ASSERT_TRUE(StderrHas("the service is back: capturing on session 1\n")) << Stderr();
+  capture_.ReadLine(100);  // what was under way before the restart
+  EXPECT_NE(capture_.ReadLine(kWaitMs), "");
+  kill(capture_.pid(), SIGINT);
+  EXPECT_EQ(Finish(), 0);
+  EXPECT_NE(Stderr().find("service gaps: 1,"), std::string::npos) << Stderr();
+  EXPECT_NE(Stderr().find("session 1 closed\n"), std::string::npos) << Stderr();
+  ASSERT_EQ(RunCtrl(dir_.path(), {"--create-session", "level=2"}).out, "2\n");
+  EXPECT_EQ(RunCtrl(dir_.path(), {"--list-session", "doerId=2"}).out, "2\n");
+}
+
+TEST_F(CaptureTest, WithoutReconnectADeadServiceEndsTheRun) {
+  StartService({});
+  StartCapture({"--em", "2000", "--no-reconnect"});
+  ASSERT_TRUE(WaitEnabled(2));
+  emulator_.Kill();
+  EXPECT_EQ(Finish(), 1);
+  EXPECT_NE(Stderr().find("the modem-monitor service has gone (session 2)\n"), std::string::npos)
+      << Stderr();
 }
 
 }  // namespace
