@@ -1,0 +1,165 @@
+// Traps per second through the whole capture tool: the real `tide_watch_capture --format json`
+// writing to /dev/null, with its session on the real service emulator, fed 64-byte EM trap packets
+// over its socket as fast as one writer can. The socket's buffer holds well under a millisecond of
+// traps, so the time the writer takes for a million traps is the time the tool takes to read,
+// decode and print them; the tool's own count (-c) then proves that none was lost.
+#include <benchmark/benchmark.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/bench_main.h"
+#include "bench/child_process.h"
+#include "bench/trap_sender.h"
+#include "libtidewatch/api/json_cmd_encoder.h"
+#include "libtidewatch/api/monitor_cmd_proxy.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using tidewatch_bench::Bytes;
+using tidewatch_bench::ChildProcess;
+
+constexpr size_t kBatchBytes = 1 << 20;
+constexpr int kBatches = 100;  // about 1.4 million traps per run
+constexpr auto kLimit = std::chrono::seconds(20);
+constexpr size_t kPayloadOffset = 10 + 5;  // the MCP header, then the trap record's
+
+// The emulator, up once it has printed its ready line.
+bool StartEmulator(ChildProcess* emulator) {
+  int out[2];
+  if (pipe(out) != 0) return false;
+  const bool started = emulator->Start("", out[1]);
+  close(out[1]);
+  std::string seen;
+  const auto deadline = Clock::now() + kLimit;
+  while (started && seen.find("ready\n") == std::string::npos && Clock::now() < deadline) {
+    pollfd p{out[0], POLLIN, 0};
+    if (poll(&p, 1, 100) <= 0) continue;
+    char buf[256];
+    const ssize_t n = read(out[0], buf, sizeof(buf));
+    if (n <= 0) break;
+    seen.append(buf, static_cast<size_t>(n));
+  }
+  close(out[0]);
+  return seen.find("ready\n") != std::string::npos;
+}
+
+// Waits until the capture's session has traps enabled: its receiver takes traps from then on.
+bool WaitEnabled(unsigned long sessionId) {
+  libtidewatch::MonitorCmdProxy<libtidewatch::JsonCmdEncoder> proxy;
+  const auto deadline = Clock::now() + kLimit;
+  while (Clock::now() < deadline) {
+    libtidewatch::MONITOR_SESSION_STATUS status;
+    if (proxy.GetSession(0, sessionId, status) == 0 && status.trapEnabled) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return false;
+}
+
+// The capture's exit status once it has ended by itself, or -1 when it did not within the limit.
+int WaitExit(ChildProcess* capture) {
+  const auto deadline = Clock::now() + kLimit;
+  while (Clock::now() < deadline) {
+    int status = 0;
+    if (waitpid(capture->pid(), &status, WNOHANG) == capture->pid()) {
+      capture->Kill();  // forgets the reaped child
+      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  capture->Kill();
+  return -1;
+}
+
+void BM_CaptureProcess(benchmark::State& state) {
+  const size_t trapSize = static_cast<size_t>(state.range(0));
+  uint64_t perBatch = 0;
+  Bytes stream = tidewatch_bench::TrapStream(trapSize, kBatchBytes, &perBatch);
+  // Each trap becomes EM_LTE_SERVING_CELL_INFO (id 2000 at payload offset 4 in the sample
+  // layout), so that every line carries a name and decoded fields, as a real capture's would.
+  const size_t packetSize = stream.size() / perBatch;
+  for (size_t at = 0; at < stream.size(); at += packetSize) {
+    stream[at + kPayloadOffset + 4] = 2000 & 0xff;
+    stream[at + kPayloadOffset + 5] = 2000 >> 8;
+  }
+  const uint64_t traps = perBatch * kBatches;
+
+  ChildProcess emulator({std::string(TIDEWATCH_BIN_DIR) + "/tidewatch_hal_emulator"});
+  if (!StartEmulator(&emulator)) {
+    state.SkipWithError("the emulator did not come up");
+    return;
+  }
+  const std::string name = ".tw_bench.capture." + std::to_string(getpid());
+  unsigned long sessionId = 0;
+  uint64_t sent = 0;
+  for (auto _ : state) {
+    ++sessionId;  // the emulator numbers sessions from 1
+    ChildProcess capture({std::string(TIDEWATCH_BIN_DIR) + "/tide_watch_capture", "--em", "2000",
+                          "--format", "json", "--receiver-name", name, "-c",
+                          std::to_string(traps)});
+    int fd = -1;
+    if (capture.Start("") && WaitEnabled(sessionId)) {
+      fd = libtidewatch::ConnectAbstract(std::to_string(sessionId) + name);
+    }
+    if (fd < 0) {
+      state.SkipWithError("the capture did not come up");
+      break;
+    }
+    const auto start = Clock::now();
+    bool written = true;
+    for (int i = 0; i < kBatches && written; ++i) written = tidewatch_bench::WriteAll(fd, stream);
+    const auto end = Clock::now();
+    close(fd);
+    const int status = WaitExit(&capture);
+    if (!written || status != 0) {
+      state.SkipWithError(("the capture did not take every trap (exit status " +
+                           std::to_string(status) + ")")
+                              .c_str());
+      break;
+    }
+    state.SetIterationTime(std::chrono::duration<double>(end - start).count());
+    sent += traps;
+  }
+  state.SetItemsProcessed(static_cast<int64_t>(sent));
+  state.SetBytesProcessed(static_cast<int64_t>(sent / perBatch * stream.size()));
+}
+BENCHMARK(BM_CaptureProcess)->Arg(64)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+class RateReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs) {
+      auto items = run.counters.find("items_per_second");
+      if (run.run_type == Run::RT_Iteration && !run.error_occurred && items != run.counters.end()) {
+        m_rates[run.benchmark_name()] = items->second.value;
+      }
+    }
+    ConsoleReporter::ReportRuns(runs);
+  }
+  void PrintRates() const {
+    for (const auto& rate : m_rates) {
+      printf("%s: %.0f traps/s through the capture tool writing JSON\n", rate.first.c_str(),
+             rate.second);
+    }
+  }
+
+ private:
+  std::map<std::string, double> m_rates;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // A private service for the run; the capture's summary goes to the log like any output.
+  setenv("TIDEWATCH_HAL_SOCKET_PREFIX",
+         (".tw_bench.capture." + std::to_string(getpid()) + ".").c_str(), 1);
+  return tidewatch_bench::RunBenchmarks<RateReporter>(argc, argv, &RateReporter::PrintRates);
+}
