@@ -29,7 +29,7 @@ std::string FormatSummary(const CaptureStats& stats, const RunFacts& facts) {
     const char* type = libtidewatch::ToTrapStr(m.type);
     std::string id = m.hasId ? std::to_string(m.msgId) : "-";
     std::string name = m.named ? EscapedText(m.name) : m.hasId ? "?" : "";
-    out += Printf("  %-10s %8s  %-40s %10" PRIu64 " traps %12" PRIu64 " bytes\n",
+    out += Printf("  %-10s %8s  %-44s %10" PRIu64 " traps %12" PRIu64 " bytes\n",
                   type != nullptr ? type : "NONE", id.c_str(), name.c_str(), m.traps, m.bytes);
   }
   out +=

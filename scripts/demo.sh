@@ -1,21 +1,25 @@
 #!/usr/bin/env bash
-# The README's main-job command: builds the tool and the service emulator, then runs a short
-# monitor session against the emulator, printing each command before its output. Everything it
-# starts is stopped on the way out, and its files (current_session included) stay in a temporary
-# folder, never in the repository.
+# The README's main-job command: builds the tool, the capture tool and the service emulator, then
+# runs a short monitor session against the emulator, printing each command before its output, and
+# a capture of named traps. Everything it starts is stopped on the way out, and its files
+# (current_session included) stay in a temporary folder, never in the repository.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$(pwd)
 
 scripts/install-deps.sh
-scripts/build.sh build
+# The build's own progress lines show that it is under way; the tests are not built here.
+echo "== building tide_watch_ctrl, tide_watch_capture and the emulator into build/"
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build -j "$(nproc)" --target tide_watch_ctrl tide_watch_capture tidewatch_hal_emulator
 bin=$repo/build/bin
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/tidewatch-demo.XXXXXX")
 emulator_pid=""
 receiver_pid=""
+capture_pid=""
 cleanup() {
-  for pid in $receiver_pid $emulator_pid; do
+  for pid in $capture_pid $receiver_pid $emulator_pid; do
     kill "$pid" 2>/dev/null || true
     wait "$pid" 2>/dev/null || true
   done
@@ -70,5 +74,22 @@ receiver_pid=""
 echo "  (receiver stopped)"
 
 ctl --disable-trap
+ctl --close-session
+
+# The capture tool opens its own session, subscribes by name, prints named traps with their values
+# and closes the session when it stops; its summary comes on standard error.
+echo "\$ tide_watch_capture --em 'EM_LTE_SERVING_*' --ota 'LTE_RRC_CONNECTION_RE*'   (Ctrl-C after 3 seconds)"
+(cd "$work" && exec "$bin/tide_watch_capture" --em 'EM_LTE_SERVING_*' --ota 'LTE_RRC_CONNECTION_RE*') &
+capture_pid=$!
+sleep 3
+kill -INT "$capture_pid" 2>/dev/null || true
+wait "$capture_pid" || echo "(exit status $?)"
+capture_pid=""
+echo "\$ tide_watch_capture --em EM_LTE_SERVING_CELL_INFO --format json -c 3"
+(cd "$work" && "$bin/tide_watch_capture" --em EM_LTE_SERVING_CELL_INFO --format json -c 3) ||
+  echo "(exit status $?)"
+echo "== nothing is left behind: a root session lists every session there is"
+ctl --create-session level=2
+ctl --list-session
 ctl --close-session
 echo "== done"
