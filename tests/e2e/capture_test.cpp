@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "libtidewatch/platform/abstract_socket.h"
 #include "tests/support/ctrl_process.h"
 #include "tests/support/emulator_process.h"
 #include "tests/support/mcp_test_peer.h"
@@ -263,6 +264,54 @@ TEST_F(CaptureTest, WithoutReconnectADeadServiceEndsTheRun) {
   EXPECT_EQ(Finish(), 1);
   EXPECT_NE(Stderr().find("the modem-monitor service has gone (session 2)\n"), std::string::npos)
       << Stderr();
+}
+
+TEST_F(CaptureTest, ErrorsSayWhatToDo) {
+  StartService({});
+  // Someone else's receiver already listens where the next session's would.
+  const int taken = libtidewatch::ListenAbstract("2" + receiver_, 4);
+  ASSERT_GE(taken, 0);
+  const struct {
+    std::vector<std::string> args;
+    int status;
+    std::string error;
+  } cases[] = {
+      {{"--em", "2000", "--secret", "open"},
+       1,
+       "the service refused the secret given with --secret"},
+      {{"--em", "2000", "--layout", dir_.path() + "/none.dat"},
+       2,
+       "layout file " + dir_.path() + "/none.dat does not load: No such file or directory"},
+      {{"--em", "2000", "--layout", dir_.path()},
+       2,
+       "layout file " + dir_.path() + " does not load: not a regular file"},
+      {{"--em", "2000"},
+       1,  // session 2 is the one that the refused secret did not open
+       "the receiver name 2" + receiver_ +
+           " is taken: another process listens on it (choose another "
+           "with --receiver-name)"},
+      {{"--ota", "1003", "--em", "2000", "--count", "0"}, 2, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.error);
+    StartCapture(c.args);
+    EXPECT_EQ(Finish(), c.status);
+    if (!c.error.empty()) {
+      EXPECT_EQ(Stderr(), "tide_watch_capture: " + c.error + "\n");
+    }
+  }
+  close(taken);
+  // Nothing was left open by the failed runs.
+  EXPECT_EQ(Sessions(), "1\n");
+
+  emulator_.Kill();
+  setenv("TIDEWATCH_HAL_WAIT_MS", "100", 1);
+  StartCapture({"--em", "2000"});
+  EXPECT_EQ(Finish(), 1);
+  EXPECT_EQ(Stderr(),
+            "tide_watch_capture: cannot reach the modem-monitor service: it is not running or does "
+            "not answer\n");
+  unsetenv("TIDEWATCH_HAL_WAIT_MS");
 }
 
 }  // namespace
