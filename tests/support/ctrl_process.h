@@ -51,7 +51,8 @@ class CtrlProcess {
   std::string ReadAll(int timeoutMs = 30000);
   // Whether the output has ended.
   bool ended() const { return m_fd < 0; }
-  // Reaps the process after its output ended: its exit status, or -signal.
+  // Reaps the process after its output ended: its exit status, or -signal (SIGKILL when it has
+  // not ended 10 s later).
   int Wait();
   // SIGTERM, then reaps.
   int Stop();

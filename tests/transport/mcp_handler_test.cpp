@@ -54,6 +54,8 @@ class MCPHandlerTest : public ::testing::Test {
     fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
     conn.reset(new SocketConnection(fds[0], "peer"));
     peer = fds[1];
+    timeval deadline{5, 0};  // a read of what never came fails instead of hanging
+    setsockopt(peer, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
   }
   void PeerSend(const Bytes& b) {
     ASSERT_EQ(write(peer, b.data(), b.size()), ssize_t(b.size()));

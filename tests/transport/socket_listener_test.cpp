@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -65,8 +66,11 @@ class SocketListenerTest : public ::testing::Test {
   void TearDown() override {
     for (int fd : m_fds) close(fd);
   }
+  // A client whose reads give up after a few seconds.
   int Connect(const std::string& name) {
     int fd = ConnectAbstract(name);
+    timeval deadline{5, 0};
+    if (fd >= 0) setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
     if (fd >= 0) m_fds.push_back(fd);
     return fd;
   }
@@ -146,7 +150,13 @@ TEST_F(SocketListenerTest, AddSocketRenamesKnownDescriptorsAndRefusesHugeOnes) {
   std::thread loop([&] { listener.Listen(); });
   ASSERT_TRUE(WriteText(pair[1], "abc"));
   EXPECT_EQ(handler.WaitForBytes(3), "abc");
-  listener.Stop();
+  // Stopped from a thread that is neither the loop's nor the creator's: there is no thread of its
+  // own to join.
+  auto stopper = std::async(std::launch::async, [&] { listener.Stop(); });
+  if (stopper.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
+    ADD_FAILURE() << "Stop waits for a thread it never started";
+    _exit(1);  // a thread stuck in a join cannot be joined
+  }
   loop.join();
   EXPECT_EQ(handler.address(), "second");
 }
