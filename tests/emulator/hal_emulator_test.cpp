@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -32,12 +33,8 @@ class HalEmulatorTest : public testing::Test {
   // One client connection to an endpoint of the running emulator.
   class LinkClient {
    public:
-    // Every read gives up after a few seconds, so that a silent emulator fails the test.
     explicit LinkClient(HalGeneration generation = HalGeneration::kAidl)
-        : fd_(ConnectAbstract(HalEndpointName(generation))) {
-      timeval deadline{5, 0};
-      if (fd_ >= 0) setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
-    }
+        : fd_(ConnectAbstract(HalEndpointName(generation))) {}
     ~LinkClient() {
       if (fd_ >= 0) close(fd_);
     }
@@ -47,7 +44,10 @@ class HalEmulatorTest : public testing::Test {
     bool Send(uint8_t opcode, const Bytes& payload) {
       return WriteHalLinkFrame(fd_, opcode, payload.data(), payload.size());
     }
-    HalLinkReadResult Read(HalLinkFrame* frame) { return ReadHalLinkFrame(fd_, frame); }
+    // Gives up after a few seconds, so that a silent emulator fails the test.
+    HalLinkReadResult Read(HalLinkFrame* frame) {
+      return ReadHalLinkFrame(fd_, frame, std::chrono::steady_clock::now() + std::chrono::seconds(5));
+    }
 
     // One COMMAND frame out; the COMMAND_RESULT payload (status byte first), empty on failure.
     Bytes Exchange(const Bytes& request) {

@@ -191,7 +191,8 @@ class HostHalServiceTest : public testing::Test {
   static Bytes PushTrap(int fd, const Bytes& trap) {
     EXPECT_TRUE(WriteHalLinkFrame(fd, kHalLinkTrap, trap.data(), trap.size()));
     HalLinkFrame answer;
-    EXPECT_EQ(HalLinkReadResult::kFrame, ReadHalLinkFrame(fd, &answer));
+    EXPECT_EQ(HalLinkReadResult::kFrame,
+              ReadHalLinkFrame(fd, &answer, std::chrono::steady_clock::now() + kPatience));
     EXPECT_EQ(kHalLinkTrapResult, answer.opcode);
     return answer.payload;
   }
