@@ -27,89 +27,69 @@ class DoMainHostTest : public tidewatch_test::DoMainFixture {
 TEST_F(DoMainHostTest, IdConversions) {
   const std::string max = "18446744073709551615";
   RunCases({
-      {{"--close-session", "sessionId=12abc"}, kNone, "Failed to convert [12abc] to uint64_t.", 0},
-      {{"--close-session", "sessionId=abc"},
-       kNone,
-       "strtoull return 0 [abc] to uint64_t.Failed to convert [abc] to uint64_t.",
+      {"--close-session sessionId=12abc", kNone, "Failed to convert [12abc] to uint64_t.", 0},
+      {"--close-session sessionId=abc", kNone,
+       "strtoull return 0 [abc] to uint64_t.Failed to convert [abc] to uint64_t.", 0},
+      {"--close-session sessionId=" + max, kNone, "Failed to convert [" + max + "] to uint64_t.",
        0},
-      {{"--close-session", "sessionId=" + max},
-       kNone,
-       "Failed to convert [" + max + "] to uint64_t.",
-       0},
-      {{"--close-session", "sessionId=99999999999999999999"},
-       kNone,
-       "Failed to convert [99999999999999999999] to uint64_t.",
-       0},
-      {{"--close-session", "sessionId=5", "doerId=1x"},
-       kNone,
-       "Failed to convert [1x] to uint64_t.",
-       0},
+      {"--close-session sessionId=99999999999999999999", kNone,
+       "Failed to convert [99999999999999999999] to uint64_t.", 0},
+      {"--close-session sessionId=5 doerId=1x", kNone, "Failed to convert [1x] to uint64_t.", 0},
       // Keys match case-insensitively, and the last word of a key wins.
-      {{"--close-session", "DOERID=5", "SessionID=6", "sessionid=18446744073709551614"},
-       kNone,
-       "resp = [9], doerId = [5], sessionId = [18446744073709551614]\n",
-       9},
+      {"--close-session DOERID=5 SessionID=6 sessionid=18446744073709551614", kNone,
+       "resp = [9], doerId = [5], sessionId = [18446744073709551614]\n", 9},
       // An explicit 0 counts as not given: the session file supplies the id.
-      {{"--close-session", "sessionId=0"},
-       "7",
-       "strtoull return 0 [0] to uint64_t.resp = [9], doerId = [0], sessionId = [7]\n",
-       9},
-      {{"--close-session", "sessionId=0"},
-       kNone,
-       "strtoull return 0 [0] to uint64_t." + kNoFile + kNeedSession,
-       -1},
-      {{"--set-debug-level", "doerId=0"},
-       "12",
-       "strtoull return 0 [0] to uint64_t.resp = [9], doerId = [12]\n",
-       9},
+      {"--close-session sessionId=0", "7",
+       "strtoull return 0 [0] to uint64_t.resp = [9], doerId = [0], sessionId = [7]\n", 9},
+      {"--close-session sessionId=0", kNone,
+       "strtoull return 0 [0] to uint64_t." + kNoFile + kNeedSession, -1},
+      {"--set-debug-level doerId=0", "12",
+       "strtoull return 0 [0] to uint64_t.resp = [9], doerId = [12]\n", 9},
   });
 }
 
 TEST_F(DoMainHostTest, SessionFileDefaults) {
   RunCases({
-      {{"--enable-trap"}, "42\n", "resp = [9], doerId = [0], sessionId = [42]\n", 9},
-      {{"--disable-trap", "doerId=3"}, "abc", "Read sessionId failed." + kNeedSession, -1},
-      {{"--get-session"}, kNone, kNoFile + kNeedSession, -1},
+      {"--enable-trap", "42\n", "resp = [9], doerId = [0], sessionId = [42]\n", 9},
+      {"--disable-trap doerId=3", "abc", "Read sessionId failed." + kNeedSession, -1},
+      {"--get-session", kNone, kNoFile + kNeedSession, -1},
       // A stored 0 is a successful read: the command goes on with session 0.
-      {{"--close-session"}, "0", "resp = [9], doerId = [0], sessionId = [0]\n", 9},
+      {"--close-session", "0", "resp = [9], doerId = [0], sessionId = [0]\n", 9},
       // A given id means the file is not read at all.
-      {{"--close-session", "sessionId=8"}, "abc", "resp = [9], doerId = [0], sessionId = [8]\n", 9},
-      {{"--list-session"}, kNone, kNoFile + kNeedDoer, -1},
-      {{"--list-session"}, "31", "resp = [9], doerId = [31]\n", 9},
-      {{"--set-debug-level"}, kNone, kNoFile + kNeedDoer, -1},
-      {{"--run-trap-receiver", "servername=x"}, kNone, kNoFile + kNeedSession, -1},
+      {"--close-session sessionId=8", "abc", "resp = [9], doerId = [0], sessionId = [8]\n", 9},
+      {"--list-session", kNone, kNoFile + kNeedDoer, -1},
+      {"--list-session", "31", "resp = [9], doerId = [31]\n", 9},
+      {"--set-debug-level", kNone, kNoFile + kNeedDoer, -1},
+      {"--run-trap-receiver servername=x", kNone, kNoFile + kNeedSession, -1},
   });
 }
 
 TEST_F(DoMainHostTest, SubscriptionChecksTypeThenSessionThenMsgId) {
-  for (const char* option : {"--subscribe-trap", "--unsubscribe-trap"}) {
+  for (std::string option : {"--subscribe-trap ", "--unsubscribe-trap "}) {
     RunCases({
-        {{option}, "4", kNeedType, -1},
-        {{option, "sessionId=1", "msgId=5"}, "4", kNeedType, -1},
-        {{option, "type=ota", "sessionId=1", "msgId=5"}, "4", kNeedType, -1},
-        {{option, "type=EM", "type=bogus", "sessionId=1", "msgId=5"}, "4", kNeedType, -1},
-        {{option, "type=EM", "msgId=5"}, kNone, kNoFile + kNeedSession, -1},
-        {{option, "type=EM"}, kNone, kNoFile + kNeedSession, -1},
-        {{option, "type=EM", "sessionId=2"}, kNone, kNeedMsgId, -1},
-        {{option, "type=VoLTE", "msgId=77"},
-         "4",
-         "resp = [9], doerId = [0], sessionId = [4], type = [4], msgId = [77]\n",
-         9},
+        {option, "4", kNeedType, -1},
+        {option + "sessionId=1 msgId=5", "4", kNeedType, -1},
+        {option + "type=ota sessionId=1 msgId=5", "4", kNeedType, -1},
+        {option + "type=EM type=bogus sessionId=1 msgId=5", "4", kNeedType, -1},
+        {option + "type=EM msgId=5", kNone, kNoFile + kNeedSession, -1},
+        {option + "type=EM", kNone, kNoFile + kNeedSession, -1},
+        {option + "type=EM sessionId=2", kNone, kNeedMsgId, -1},
+        {option + "type=VoLTE msgId=77", "4",
+         "resp = [9], doerId = [0], sessionId = [4], type = [4], msgId = [77]\n", 9},
     });
   }
 }
 
 TEST_F(DoMainHostTest, DebugLevelWordsAreCheckedAsRead) {
   for (const char* word : {"level=0", "level=-1", "level=7", "level=9", "level=11", "level=abc"}) {
-    RunCases({{{"--set-debug-level", "doerId=3", word},
-               kNone,
-               std::string("invalid option: ") + word + kUsage,
-               -1}});
+    RunCases({{std::string("--set-debug-level doerId=3 ") + word, kNone,
+               std::string("invalid option: ") + word + kUsage, -1}});
   }
   // A bad level is refused even when the doer id is missing too: words come first.
-  RunCases({{{"--set-debug-level", "level=8"}, kNone, "invalid option: level=8" + kUsage, -1}});
+  RunCases({{"--set-debug-level level=8", kNone, "invalid option: level=8" + kUsage, -1}});
   for (const char* word : {"level=1", "level=6", "level=10"}) {
-    RunCases({{{"--set-debug-level", "doerId=3", word}, kNone, "resp = [9], doerId = [3]\n", 9}});
+    RunCases({{std::string("--set-debug-level doerId=3 ") + word, kNone,
+               "resp = [9], doerId = [3]\n", 9}});
   }
 }
 

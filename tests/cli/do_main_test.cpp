@@ -22,37 +22,35 @@ class DoMainTest : public tidewatch_test::DoMainFixture {
 
 TEST_F(DoMainTest, OptionSelection) {
   RunCases({
-      {{}, kNone, kUsage, -1},
-      {{"sessionId=5"}, kNone, kUsage, -1},
-      {{"--help"}, kNone, "unknown parameters" + kUsage, -1},
-      {{"--no-such-command"}, kNone, "unknown parameters" + kUsage, -1},
-      {{"--create-session=1"}, kNone, "unknown parameters" + kUsage, -1},
+      {"", kNone, kUsage, -1},
+      {"sessionId=5", kNone, kUsage, -1},
+      {"--help", kNone, "unknown parameters" + kUsage, -1},
+      {"--no-such-command", kNone, "unknown parameters" + kUsage, -1},
+      {"--create-session=1", kNone, "unknown parameters" + kUsage, -1},
       // Long options may be abbreviated and written with one dash.
-      {{"--list"}, kNone, kNoFile + kNeedDoer, -1},
-      {{"-create-session", "level=5"}, kNone, "Value of [level] is invalid: [5]" + kUsage, -1},
+      {"--list", kNone, kNoFile + kNeedDoer, -1},
+      {"-create-session level=5", kNone, "Value of [level] is invalid: [5]" + kUsage, -1},
       // Only the first option is an option; a second one is a word like any other.
-      {{"--close-session", "sessionId=5", "--enable-trap"},
-       kNone,
-       "invalid option: --enable-trap" + kUsage,
+      {"--close-session sessionId=5 --enable-trap", kNone, "invalid option: --enable-trap" + kUsage,
        -1},
   });
 }
 
 TEST_F(DoMainTest, WordsAreRefusedPerCommand) {
   RunCases({
-      {{"--create-session", "sessionId=1"}, kNone, "invalid option: sessionId=1" + kUsage, -1},
-      {{"--close-session", "type=EM"}, kNone, "invalid option: type=EM" + kUsage, -1},
-      {{"--enable-trap", "msgId=3"}, kNone, "invalid option: msgId=3" + kUsage, -1},
-      {{"--disable-trap", "level=1"}, kNone, "invalid option: level=1" + kUsage, -1},
-      {{"--get-session", "servername=x"}, kNone, "invalid option: servername=x" + kUsage, -1},
-      {{"--list-session", "sessionId=1"}, kNone, "invalid option: sessionId=1" + kUsage, -1},
-      {{"--set-trap-receiver", "msgId=1"}, kNone, "invalid option: msgId=1" + kUsage, -1},
-      {{"--run-trap-receiver", "doerId=1"}, kNone, "invalid option: doerId=1" + kUsage, -1},
-      {{"--subscribe-trap", "level=1"}, kNone, "invalid option: level=1" + kUsage, -1},
-      {{"--close-session", "sessionId"}, kNone, "invalid option: sessionId" + kUsage, -1},
-      {{"--close-session", "session=4"}, kNone, "invalid option: session=4" + kUsage, -1},
+      {"--create-session sessionId=1", kNone, "invalid option: sessionId=1" + kUsage, -1},
+      {"--close-session type=EM", kNone, "invalid option: type=EM" + kUsage, -1},
+      {"--enable-trap msgId=3", kNone, "invalid option: msgId=3" + kUsage, -1},
+      {"--disable-trap level=1", kNone, "invalid option: level=1" + kUsage, -1},
+      {"--get-session servername=x", kNone, "invalid option: servername=x" + kUsage, -1},
+      {"--list-session sessionId=1", kNone, "invalid option: sessionId=1" + kUsage, -1},
+      {"--set-trap-receiver msgId=1", kNone, "invalid option: msgId=1" + kUsage, -1},
+      {"--run-trap-receiver doerId=1", kNone, "invalid option: doerId=1" + kUsage, -1},
+      {"--subscribe-trap level=1", kNone, "invalid option: level=1" + kUsage, -1},
+      {"--close-session sessionId", kNone, "invalid option: sessionId" + kUsage, -1},
+      {"--close-session session=4", kNone, "invalid option: session=4" + kUsage, -1},
       // The first word decides: a refused word ends the run before a later bad value.
-      {{"--close-session", "x=1", "sessionId=abc"}, kNone, "invalid option: x=1" + kUsage, -1},
+      {"--close-session x=1 sessionId=abc", kNone, "invalid option: x=1" + kUsage, -1},
   });
 }
 

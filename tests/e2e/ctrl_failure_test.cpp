@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -135,45 +137,33 @@ TEST_F(CtrlFailureTest, RefusedSecret) {
 TEST_F(CtrlFailureTest, BrokenReplies) {
   struct Case {
     const char* fault;
-    std::vector<std::string> args;
+    std::string args;  // split at spaces
     std::string out;
     int status;
   } cases[] = {
       // The service's transaction failed, or its bytes hold no packet: nothing came back.
-      {"transaction-fail",
-       {"--close-session", "sessionId=1"},
-       "resp = [9], doerId = [0], sessionId = [1]\n",
-       9},
-      {"not-mcp",
-       {"--enable-trap", "sessionId=1"},
-       "resp = [9], doerId = [0], sessionId = [1]\n",
-       9},
+      {"transaction-fail", "--close-session sessionId=1",
+       "resp = [9], doerId = [0], sessionId = [1]\n", 9},
+      {"not-mcp", "--enable-trap sessionId=1", "resp = [9], doerId = [0], sessionId = [1]\n", 9},
       // A packet came back but does not answer the command.
-      {"empty-reply",
-       {"--disable-trap", "sessionId=2"},
-       "resp = [10], doerId = [0], sessionId = [2]\n",
+      {"empty-reply", "--disable-trap sessionId=2", "resp = [10], doerId = [0], sessionId = [2]\n",
        10},
-      {"trap-type-reply", {"--list-session", "doerId=1"}, "resp = [10], doerId = [1]\n", 10},
-      {"wrong-api",
-       {"--get-session", "sessionId=1"},
-       "resp = [10], doerId = [0], sessionId = [1]\n",
+      {"trap-type-reply", "--list-session doerId=1", "resp = [10], doerId = [1]\n", 10},
+      {"wrong-api", "--get-session sessionId=1", "resp = [10], doerId = [0], sessionId = [1]\n",
        10},
-      {"wrong-version", {"--set-debug-level", "doerId=1"}, "resp = [10], doerId = [1]\n", 10},
-      {"ret-out-of-range",
-       {"--subscribe-trap", "sessionId=1", "type=EM", "msgId=4"},
-       "resp = [10], doerId = [0], sessionId = [1], type = [3], msgId = [4]\n",
-       10},
-      {"bad-json",
-       {"--set-trap-receiver", "sessionId=1", "servername=x"},
-       "resp = [10], doerId = [0], sessionId = [1], servername = [x]\n",
-       10},
+      {"wrong-version", "--set-debug-level doerId=1", "resp = [10], doerId = [1]\n", 10},
+      {"ret-out-of-range", "--subscribe-trap sessionId=1 type=EM msgId=4",
+       "resp = [10], doerId = [0], sessionId = [1], type = [3], msgId = [4]\n", 10},
+      {"bad-json", "--set-trap-receiver sessionId=1 servername=x",
+       "resp = [10], doerId = [0], sessionId = [1], servername = [x]\n", 10},
       // The bad-reply code stands in for the id, as any other failure code would.
-      {"no-data", {"--create-session"}, "10\n", 0},
+      {"no-data", "--create-session", "10\n", 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.fault);
     ASSERT_TRUE(emulator_.Start({std::string("--fault=") + c.fault}));
-    CtrlResult r = Ctl(c.args);
+    std::istringstream words(c.args);
+    CtrlResult r = Ctl({std::istream_iterator<std::string>(words), {}});
     EXPECT_EQ(r.out, c.out);
     EXPECT_EQ(r.status, c.status);
     emulator_.Stop();

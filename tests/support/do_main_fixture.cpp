@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <sstream>
 
 #include "tests/support/stdout_capture.h"
 
@@ -38,12 +39,13 @@ void DoMainFixture::WriteSessionFile(const char* content) {
 
 void DoMainFixture::RunCases(const std::vector<Case>& cases) {
   for (const Case& c : cases) {
-    std::string line;
-    for (const std::string& a : c.args) line += a + " ";
-    SCOPED_TRACE(line + "| file: " + (c.sessionFile ? c.sessionFile : "none"));
+    SCOPED_TRACE(c.args + " | file: " + (c.sessionFile ? c.sessionFile : "none"));
+    std::vector<std::string> args;
+    std::istringstream words(c.args);
+    for (std::string word; words >> word;) args.push_back(word);
     WriteSessionFile(c.sessionFile);
     int status = 0;
-    EXPECT_EQ(Run(c.args, &status), c.out);
+    EXPECT_EQ(Run(args, &status), c.out);
     EXPECT_EQ(status, c.status);
   }
 }

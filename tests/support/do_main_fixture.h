@@ -44,8 +44,8 @@ class DoMainFixture : public ::testing::Test {
   using EntryPoint = int (*)(int argc, char** argv);
 
   struct Case {
-    std::vector<std::string> args;  // after the program name
-    const char* sessionFile;        // content of ./current_session, or kNone
+    std::string args;         // after the program name, split at spaces
+    const char* sessionFile;  // content of ./current_session, or kNone
     std::string out;
     int status;
   };

@@ -53,9 +53,9 @@ Bytes TrapRecord(uint8_t type, const Bytes& payload, int64_t length) {
   return out;
 }
 
-Bytes DiscardRecord(const std::vector<std::pair<uint8_t, uint32_t>>& entries) {
+Bytes DiscardRecord(const std::vector<std::pair<uint8_t, uint32_t>>& entries, int64_t count) {
   Bytes out{1};
-  PutLE32(out, static_cast<uint32_t>(entries.size()));
+  PutLE32(out, static_cast<uint32_t>(count < 0 ? static_cast<int64_t>(entries.size()) : count));
   for (const auto& entry : entries) {
     out.push_back(entry.first);
     PutLE32(out, entry.second);

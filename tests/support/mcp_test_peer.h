@@ -30,8 +30,9 @@ Bytes McpPacket(libtidewatch::MCP_TYPE type, const Bytes& payload, int64_t lengt
 // One raw trap record: type byte, 32-bit length (`length` when given, else the payload's size),
 // payload.
 Bytes TrapRecord(uint8_t type, const Bytes& payload, int64_t length = -1);
-// A discard-info record listing {trap type, dropped count} pairs.
-Bytes DiscardRecord(const std::vector<std::pair<uint8_t, uint32_t>>& entries);
+// A discard-info record listing {trap type, dropped count} pairs; its count field says `count`
+// when given, else the number of pairs.
+Bytes DiscardRecord(const std::vector<std::pair<uint8_t, uint32_t>>& entries, int64_t count = -1);
 
 Bytes Concat(std::initializer_list<Bytes> parts);
 

@@ -87,10 +87,13 @@ class McpReceiverTest : public ::testing::Test {
   };
 
   void SetUp() override {
+    alarm(60);  // senders blocked on a receiver that stopped reading end the test, not hang it
     for (MCP_TYPE t : {MCP_TYPE_CMD, MCP_TYPE_REPLY, MCP_TYPE_TRAP}) {
       receiver.SetPayloadHandler(t, &handler);
     }
   }
+
+  void TearDown() override { alarm(0); }
 
   static std::unique_ptr<Link> NewLink() {
     auto link = std::make_unique<Link>();

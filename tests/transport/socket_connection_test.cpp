@@ -22,6 +22,9 @@ using Bytes = std::vector<uint8_t>;
 class SocketConnectionTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    // Writes spin until stopped and the peer's reads block: a fault that leaves either waiting
+    // ends the test by SIGALRM instead of hanging it.
+    alarm(20);
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
     fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
@@ -29,6 +32,7 @@ class SocketConnectionTest : public ::testing::Test {
     peer = fds[1];
   }
   void TearDown() override {
+    alarm(0);
     conn.reset();
     if (peer >= 0) close(peer);
   }

@@ -9,41 +9,23 @@
 
 #include "libtidewatch/platform/log.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/mcp_test_peer.h"
 
 namespace libtidewatch {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using tidewatch_test::Bytes;
 
 class TrapPackerTest : public ::testing::Test {
  protected:
-  static void PutU32(Bytes& b, uint32_t v) {
-    for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(v >> (8 * i)));
-  }
-  // A trap record whose length field says `declared` (the payload's size unless given).
   static Bytes Trap(uint8_t type, const Bytes& payload, int64_t declared = -1) {
-    Bytes b = {type};
-    PutU32(b,
-           declared < 0 ? static_cast<uint32_t>(payload.size()) : static_cast<uint32_t>(declared));
-    b.insert(b.end(), payload.begin(), payload.end());
-    return b;
+    return tidewatch_test::TrapRecord(type, payload, declared);
   }
-  // A discard-info record with these (type, dropped) entries; `count` overrides the entry count.
   static Bytes Discard(const std::vector<std::pair<uint8_t, uint32_t>>& entries,
                        int64_t count = -1) {
-    Bytes b = {1};
-    PutU32(b, count < 0 ? static_cast<uint32_t>(entries.size()) : static_cast<uint32_t>(count));
-    for (const auto& e : entries) {
-      b.push_back(e.first);
-      PutU32(b, e.second);
-    }
-    return b;
+    return tidewatch_test::DiscardRecord(entries, count);
   }
-  static Bytes Cat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
-  }
+  static Bytes Cat(std::initializer_list<Bytes> parts) { return tidewatch_test::Concat(parts); }
 
   tidewatch_test::LogCapture log_{kLogDebug, tidewatch_test::LogCapture::Form::kText};
 };
@@ -72,8 +54,15 @@ TEST_F(TrapPackerTest, AcceptsOneRecordOfTheMaximumSize) {
 
 // How whole buffers parse: the trap kept (the last record wins), and the errors logged.
 TEST_F(TrapPackerTest, WalksRecords) {
-  const std::string kLast = "Discard Info should be the last part in raw data.";
   const std::string kFailed = "Parse rawData failed.";
+  const std::vector<std::string> kBad = {"Discard Info should be the last part in raw data.",
+                                         kFailed};
+  const std::vector<std::string> kType9 = {"Invalid discard info type: [9]", kFailed};
+  const std::vector<std::string> kType10 = {"Invalid discard info type: [10]", kFailed};
+  auto unknown = [](int len) {
+    return std::vector<std::string>{"Unknown trap type: [12], len: [" + std::to_string(len) + "]"};
+  };
+  const TRAP_TYPE kNone = TRAP_TYPE_NONE, kOta = TRAP_TYPE_OTA, kEm = TRAP_TYPE_EM;
   const size_t kFull = TrapPacker::kMaxRawLength;
   const struct {
     const char* name;
@@ -83,78 +72,26 @@ TEST_F(TrapPackerTest, WalksRecords) {
     size_t length;
     std::vector<std::string> errors;
   } cases[] = {
-      {"trap then discard info",
-       Cat({Trap(2, {1, 2, 3}), Discard({{2, 5}})}),
-       true,
-       TRAP_TYPE_OTA,
-       3,
-       {}},
+      {"trap then discard info", Cat({Trap(2, {1, 2, 3}), Discard({{2, 5}})}), true, kOta, 3, {}},
       {"last record wins", Cat({Trap(3, {1}), Trap(4, {1, 2})}), true, TRAP_TYPE_VOLTE, 2, {}},
-      {"unknown type is skipped",
-       Cat({Trap(5, {1}), Trap(12, {7, 7, 7, 7})}),
-       true,
-       TRAP_TYPE_NONE,
-       4,
-       {"Unknown trap type: [12], len: [4]"}},
-      {"walk goes on after an unknown type",
-       Cat({Trap(12, {7}), Trap(8, {1, 2})}),
-       true,
-       TRAP_TYPE_ICD_EVENT,
-       2,
-       {"Unknown trap type: [12], len: [1]"}},
-      {"discard info alone, count 0", Discard({}), true, TRAP_TYPE_NONE, 0, {}},
-      {"discard info followed by a trap",
-       Cat({Discard({{2, 1}}), Trap(2, {1})}),
-       false,
-       TRAP_TYPE_NONE,
-       0,
-       {kLast, kFailed}},
-      {"discard entry of type 9",
-       Discard({{2, 1}, {9, 1}}),
-       false,
-       TRAP_TYPE_NONE,
-       0,
-       {"Invalid discard info type: [9]", kFailed}},
+      {"unknown type skipped", Cat({Trap(5, {1}), Trap(12, {7, 7, 7, 7})}), true, kNone, 4,
+       unknown(4)},
+      {"walk on after unknown", Cat({Trap(12, {7}), Trap(8, {1, 2})}), true, TRAP_TYPE_ICD_EVENT, 2,
+       unknown(1)},
+      {"discard info alone, count 0", Discard({}), true, kNone, 0, {}},
+      {"discard info then a trap", Cat({Discard({{2, 1}}), Trap(2, {1})}), false, kNone, 0, kBad},
+      {"discard entry of type 9", Discard({{2, 1}, {9, 1}}), false, kNone, 0, kType9},
       // Records that claim more than the data holds: nothing past the data is read.
       {"payload past the end", Trap(6, {1, 2}, 1000), true, TRAP_TYPE_IP, 1000, {}},
       {"header past the end", Cat({Trap(2, {1}), {7, 3, 0}}), true, TRAP_TYPE_ICD_RECORD, 3, {}},
-      {"discard entries past the end",
-       Discard({{2, 1}}, 3),
-       false,
-       TRAP_TYPE_NONE,
-       0,
-       {kLast, kFailed}},
-      {"huge discard count",
-       Discard({{2, 1}}, 0xFFFFFFFF),
-       false,
-       TRAP_TYPE_NONE,
-       0,
-       {kLast, kFailed}},
-      {"bad entry before the end",
-       Cat({Discard({{2, 1}, {10, 1}}, 50)}),
-       false,
-       TRAP_TYPE_NONE,
-       0,
-       {"Invalid discard info type: [10]", kFailed}},
-      {"discard header past the end",
-       Cat({Trap(2, {1}), {1, 1}}),
-       false,
-       TRAP_TYPE_OTA,
-       1,
-       {kLast, kFailed}},
+      {"discard entries past the end", Discard({{2, 1}}, 3), false, kNone, 0, kBad},
+      {"huge discard count", Discard({{2, 1}}, 0xFFFFFFFF), false, kNone, 0, kBad},
+      {"bad entry before the end", Discard({{2, 1}, {10, 1}}, 50), false, kNone, 0, kType10},
+      {"discard header past the end", Cat({Trap(2, {1}), {1, 1}}), false, kOta, 1, kBad},
       // The same at the end of a full buffer, where reading on would leave the allocation.
-      {"header past a full buffer",
-       Cat({Trap(2, Bytes(kFull - 7)), {3, 1}}),
-       true,
-       TRAP_TYPE_EM,
-       1,
-       {}},
-      {"discard entries past a full buffer",
-       Cat({Trap(2, Bytes(kFull - 15)), Discard({{2, 1}}, 9)}),
-       false,
-       TRAP_TYPE_OTA,
-       kFull - 15,
-       {kLast, kFailed}},
+      {"header past a full buffer", Cat({Trap(2, Bytes(kFull - 7)), {3, 1}}), true, kEm, 1, {}},
+      {"discard past a full buffer", Cat({Trap(2, Bytes(kFull - 15)), Discard({{2, 1}}, 9)}), false,
+       kOta, kFull - 15, kBad},
   };
   for (const auto& c : cases) {
     for (bool view : {false, true}) {  // a view must parse exactly as a copy does
