@@ -274,20 +274,26 @@ TEST_F(JsonCmdEncoderTest, ListSessionReplacesIds) {
   EXPECT_EQ(ids, std::vector<uint64_t>{9});
 }
 
-// A negative number where an unsigned one is read is refused by throwing; the outputs keep their
-// values because everything is read before they are written.
+// A negative or too large number where an unsigned one is read is refused by throwing; the
+// outputs keep their values because everything is read before they are written.
 TEST_F(JsonCmdEncoderTest, NegativeUnsignedThrows) {
   MONITOR_SESSION_STATUS status;
   std::vector<uint64_t> ids{9};
+  const std::string create = R"({"api":"Tidewatch.Session","method":"create","version":1,"ret":0,)";
+  static constexpr char kNegative[] = "Negative integer can not be converted to UInt64";
+  const char* const kRange = "Real out of UInt64 range";
   const struct {
     std::string json;
     std::function<void(JsonCmdEncoder&)> call;
+    const char* error = kNegative;
   } cases[] = {
+      {create + R"("data":{"sessionId":1e30}})",
+       [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }, kRange},
+      {create + R"("data":{"sessionId":-1.5}})",
+       [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }, kRange},
       {R"({"api":"Tidewatch.Session","method":"close","version":-1,"ret":0})",
        [](JsonCmdEncoder& e) { e.CloseSession(0, 1); }},
-      {R"({"api":"Tidewatch.Session","method":"create","version":1,"ret":0,)"
-       R"("data":{"sessionId":-3}})",
-       [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }},
+      {create + R"("data":{"sessionId":-3}})", [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }},
       {R"({"api":"Tidewatch.Session","method":"list","version":1,"ret":0,)"
        R"("data":{"sid_list":[4,-1]}})",
        [&](JsonCmdEncoder& e) { e.ListSession(0, ids); }},
@@ -301,7 +307,7 @@ TEST_F(JsonCmdEncoderTest, NegativeUnsignedThrows) {
       c.call(encoder);
       ADD_FAILURE() << "no exception for " << c.json;
     } catch (const std::exception& e) {
-      EXPECT_STREQ(e.what(), "Negative integer can not be converted to UInt64");
+      EXPECT_STREQ(e.what(), c.error) << c.json;
     }
   }
   EXPECT_EQ(ids, std::vector<uint64_t>{9});

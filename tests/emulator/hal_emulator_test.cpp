@@ -228,6 +228,7 @@ TEST_F(HalEmulatorTest, TrapsThroughARegisteredCallback) {
   ASSERT_EQ(replaced.Register(destination), 0);
   ASSERT_EQ(callback.Register(destination), 0);
   EXPECT_NE(refused.Register(destination + "_more"), 0);
+  EXPECT_EQ(refused.Command(kCreate)["ret"], 0);  // still a command connection
   HalLinkFrame closed;
   EXPECT_EQ(replaced.Read(&closed), HalLinkReadResult::kClosed);
   LinkClient commands;

@@ -32,6 +32,7 @@ TEST_F(DataQueueTest, FullQueueRefusesOneMoreByteUnchanged) {
   ASSERT_TRUE(q->Push(data.data(), DataQueue::kCapacity));
   EXPECT_EQ(q->SpaceSize(), 0u);
   EXPECT_FALSE(q->Push(data.data(), 1));
+  EXPECT_TRUE(q->Push(data.data(), 0));  // nothing always fits
   EXPECT_EQ(q->size, DataQueue::kCapacity);
   EXPECT_EQ(q->start, 0u);
 

@@ -109,6 +109,7 @@ TEST_F(SocketListenerTest, ServesAClientAndRemovesItAfterItCloses) {
     }
     close(fd);
     EXPECT_TRUE(log.WaitForText("RemoveSocket fd = [" + std::to_string(accepted) + "]"));
+    EXPECT_EQ(log.Lines(kLogError), std::vector<std::string>{});  // a healthy run logs no error
   }
 }
 
