@@ -178,7 +178,7 @@ void HtmlReport::RenderSummary(std::string* out) const {
     out->append("<p class=\"note\">No traps were captured.</p>\n");
   } else {
     out->append(
-        "<div class=\"tablewrap tall\"><table id=\"messages\"><thead><tr><th>Message</th>"
+        "<div class=\"tablewrap short\"><table id=\"messages\"><thead><tr><th>Message</th>"
         "<th>Type</th><th class=\"n\">Traps</th><th class=\"n\">Share</th>"
         "<th class=\"n\">Rate</th><th class=\"n\">Bytes</th></tr></thead><tbody>");
     for (const NameStats* n : rows) {
@@ -211,7 +211,7 @@ void HtmlReport::RenderDrops(std::string* out) const {
     return;
   }
   out->append(
-      "<div class=\"tablewrap tall\"><table id=\"drops\"><thead><tr><th>Time (UTC)</th>"
+      "<div class=\"tablewrap short\"><table id=\"drops\"><thead><tr><th>Time (UTC)</th>"
       "<th class=\"n\">Since start</th><th>Dropped by</th><th class=\"n\">Traps</th>"
       "<th>Of type</th></tr></thead><tbody>");
   for (const DropEvent& e : d.drops) {
@@ -246,9 +246,10 @@ void HtmlReport::RenderRates(std::string* out) const {
   SvgChart chart(start, end, kRateWidth, kRateHeight);
   chart.SetValueLabel("traps per second");
   chart.SetFromZero(true);
-  // Rates over slices of at least a second (a twentieth of a short capture), so that traps that
-  // come in bursts do not draw a comb.
-  const int64_t target = std::min<int64_t>(1'000'000, (end - start) / 20);
+  // Rates over slices of at least a second (a twentieth of a short capture), and at most about
+  // 150 of them, so that traps that come in bursts draw no comb.
+  const int64_t span = end - start;
+  const int64_t target = span < 20'000'000 ? span / 20 : std::max<int64_t>(1'000'000, span / 150);
   size_t per = 1;
   while (static_cast<int64_t>(per) * width < target && per < d.grid.capacity()) per *= 2;
   const int64_t slice = static_cast<int64_t>(per) * width;
@@ -348,12 +349,29 @@ void HtmlReport::RenderEmCharts(std::string* out) const {
         line.label = title + " (" + SimText(s.sim) + ")";
         line.colour = s.sim.present ? static_cast<int>(s.sim.value % 6) : 6;
         line.band = true;
+        std::vector<size_t> used;
         for (size_t b = 0; b < d.grid.used(); ++b) {
-          const FieldBucket& fb = s.buckets[b];
-          if (fb.count == 0) continue;
-          int64_t at = std::clamp(d.grid.BucketStartUs(b) + width / 2, start, end);
-          line.points.push_back({at, static_cast<double>(fb.last), static_cast<double>(fb.min),
-                                 static_cast<double>(fb.max)});
+          if (s.buckets[b].count != 0) used.push_back(b);
+        }
+        // The line breaks across a gap much longer than the series' usual spacing (a SIM that
+        // fell silent), instead of drawing a slope that no value ever took.
+        std::vector<size_t> gaps;
+        for (size_t i = 1; i < used.size(); ++i) gaps.push_back(used[i] - used[i - 1]);
+        size_t usual = 1;
+        if (!gaps.empty()) {
+          std::nth_element(gaps.begin(), gaps.begin() + gaps.size() / 2, gaps.end());
+          usual = gaps[gaps.size() / 2];
+        }
+        const size_t longGap = std::max<size_t>(3, 4 * usual);
+        for (size_t i = 0; i < used.size(); ++i) {
+          const FieldBucket& fb = s.buckets[used[i]];
+          ChartPoint p;
+          p.timeUs = std::clamp(d.grid.BucketStartUs(used[i]) + width / 2, start, end);
+          p.value = static_cast<double>(fb.last);
+          p.lo = static_cast<double>(fb.min);
+          p.hi = static_cast<double>(fb.max);
+          p.breakBefore = i > 0 && used[i] - used[i - 1] > longGap;
+          line.points.push_back(p);
         }
         points += line.points.size();
         LegendItem("c" + std::to_string(line.colour), SimText(s.sim), &legend);

@@ -33,6 +33,7 @@ text-overflow:ellipsis}
 .v.bad{color:var(--m0)}
 .tablewrap{background:var(--card);border:1px solid var(--line);border-radius:8px;overflow:auto}
 .tablewrap.tall{max-height:540px}
+.tablewrap.short{max-height:330px}
 table{border-collapse:collapse;width:100%;font-variant-numeric:tabular-nums}
 th,td{padding:5px 12px;border-bottom:1px solid var(--line);text-align:left;white-space:nowrap}
 th{position:sticky;top:0;background:var(--card);color:var(--muted);font-size:12px;font-weight:600;

@@ -229,22 +229,30 @@ void SvgChart::Render(const std::string& ariaLabel, std::string* out) const {
   AppendEscaped(m_valueLabel, out);
   out->append("</text>");
 
-  // Bands first, so that every line stays on top of them.
+  // Bands first, so that every line stays on top of them. A line breaks where a point says so;
+  // each run has a band of its own.
+  auto runEnd = [](const std::vector<ChartPoint>& points, size_t from) {
+    size_t to = from + 1;
+    while (to < points.size() && !points[to].breakBefore) ++to;
+    return to;
+  };
   for (const ChartLine& line : m_lines) {
     if (!line.band || line.points.empty()) continue;
     bool spread = false;
     for (const ChartPoint& p : line.points) spread = spread || p.hi != p.lo;
     if (!spread) continue;
     out->append("<path class=\"band c").append(std::to_string(line.colour & 7)).append("\" d=\"");
-    char command = 'M';
-    for (const ChartPoint& p : line.points) {
-      AppendPoint(command, xOf(p.timeUs), yOf(p.hi), out);
-      command = 'L';
+    for (size_t from = 0, to; from < line.points.size(); from = to) {
+      to = runEnd(line.points, from);
+      for (size_t i = from; i < to; ++i) {
+        AppendPoint(i == from ? 'M' : 'L', xOf(line.points[i].timeUs), yOf(line.points[i].hi), out);
+      }
+      for (size_t i = to; i-- > from;) {
+        AppendPoint('L', xOf(line.points[i].timeUs), yOf(line.points[i].lo), out);
+      }
+      out->append("Z");
     }
-    for (auto it = line.points.rbegin(); it != line.points.rend(); ++it) {
-      AppendPoint('L', xOf(it->timeUs), yOf(it->lo), out);
-    }
-    out->append("Z\"/>");
+    out->append("\"/>");
   }
   for (const ChartLine& line : m_lines) {
     if (line.points.empty()) continue;
@@ -252,20 +260,22 @@ void SvgChart::Render(const std::string& ariaLabel, std::string* out) const {
     out->append("<g class=\"c").append(colour).append("\"><title>");
     AppendEscaped(line.label, out);
     out->append("</title><path class=\"line\" d=\"");
-    char command = 'M';
-    for (const ChartPoint& p : line.points) {
-      AppendPoint(command, xOf(p.timeUs), yOf(p.value), out);
-      command = 'L';
+    for (size_t i = 0; i < line.points.size(); ++i) {
+      const ChartPoint& p = line.points[i];
+      AppendPoint(i == 0 || p.breakBefore ? 'M' : 'L', xOf(p.timeUs), yOf(p.value), out);
     }
     out->append("\"/>");
-    if (line.points.size() < kDotsBelow) {
-      for (const ChartPoint& p : line.points) {
-        out->append("<circle class=\"dot\" r=\"2.5\" cx=\"");
-        AppendCoord(xOf(p.timeUs), out);
-        out->append("\" cy=\"");
-        AppendCoord(yOf(p.value), out);
-        out->append("\"/>");
-      }
+    // Dots where points are few, and where a point stands alone between breaks.
+    const bool few = line.points.size() < kDotsBelow;
+    for (size_t i = 0; i < line.points.size(); ++i) {
+      const bool alone = (i == 0 || line.points[i].breakBefore) &&
+                         (i + 1 == line.points.size() || line.points[i + 1].breakBefore);
+      if (!few && !alone) continue;
+      out->append("<circle class=\"dot\" r=\"2.5\" cx=\"");
+      AppendCoord(xOf(line.points[i].timeUs), out);
+      out->append("\" cy=\"");
+      AppendCoord(yOf(line.points[i].value), out);
+      out->append("\"/>");
     }
     out->append("</g>");
   }

@@ -14,6 +14,7 @@ struct ChartPoint {
   double value = 0;  // the line goes through these
   double lo = 0;     // the band spans [lo, hi]
   double hi = 0;
+  bool breakBefore = false;  // no line from the point before: a gap in the data
 };
 
 struct ChartLine {
