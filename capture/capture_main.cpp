@@ -109,10 +109,11 @@ bool Resolve(const CaptureOptions& options, MessageSelection* selection) {
 
 }  // namespace
 
-int CaptureMain(int argc, char** argv) {
+int CaptureMain(int argc, char** argv, CaptureMode mode) {
   CaptureOptions options;
   const int parsed = ParseCaptureOptions(argc, argv, &options);
   if (parsed >= 0) return parsed;
+  if (mode == CaptureMode::kExtcap) options.summary = false;
   if (!options.readPath.empty()) return ReadCapture(options);
   if (options.writePath == "-" && isatty(STDOUT_FILENO) == 1) {
     Error(

@@ -3,9 +3,12 @@
 #include <exception>
 
 #include "capture/capture_main.h"
+#include "capture/extcap_main.h"
+#include "capture/extcap_request.h"
 
 int main(int argc, char** argv) {
   try {
+    if (capture::IsExtcapCall(argc, argv)) return capture::ExtcapMain(argc, argv);
     return capture::CaptureMain(argc, argv);
   } catch (const std::exception& e) {
     // The JSON layer throws for numbers it refuses to convert; nothing below handles them.
