@@ -34,8 +34,8 @@ class AdbProcess {
   // Reaps the process if it has ended; true then, with its status in `*status` (exit status, or
   // 128 + signal). Never blocks.
   bool Reap(int* status);
-  // SIGTERM, then SIGKILL when it is still there after `graceMs`; reaps it. Closes both pipes first,
-  // so that what the process still writes fails.
+  // SIGTERM, then SIGKILL when it is still there after `graceMs`; reaps it. Closes both pipes
+  // first, so that what the process still writes fails.
   void Stop(int graceMs = 2000);
 
   pid_t pid() const { return m_pid; }

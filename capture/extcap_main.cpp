@@ -70,8 +70,7 @@ int ExtcapMain(int argc, char** argv) {
       fifo = open(request.fifo.c_str(), O_WRONLY | O_CLOEXEC);
     } while (fifo < 0 && errno == EINTR);
     if (fifo < 0) {
-      return Fail("cannot open the fifo '" + request.fifo + "': " + strerror(errno),
-                  kExitFailure);
+      return Fail("cannot open the fifo '" + request.fifo + "': " + strerror(errno), kExitFailure);
     }
   }
   if (!parsed) return Fail(error, kExitUsage);

@@ -68,8 +68,9 @@ bool ParseExtcapRequest(int argc, char** argv, ExtcapRequest* request, std::stri
   }
   request->action = capture ? Action::kCapture : config ? Action::kConfig : Action::kDlts;
   if (!capture && !config && !dlts) {
-    *error = "no extcap action: give --extcap-interfaces, --extcap-dlts, --extcap-config "
-             "or --capture";
+    *error =
+        "no extcap action: give --extcap-interfaces, --extcap-dlts, --extcap-config "
+        "or --capture";
     return false;
   }
   if (request->interface.empty()) {

@@ -33,6 +33,10 @@ void PcapngRelay::ToText() {
   m_pending.clear();
 }
 
+void PcapngRelay::End() {
+  if (!m_inText && !m_pending.empty()) ToText();
+}
+
 void PcapngRelay::Feed(const char* data, size_t size, std::string* blocks) {
   if (m_inText) {
     m_text.append(data, std::min(size, kMaxText - std::min(kMaxText, m_text.size())));

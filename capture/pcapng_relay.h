@@ -14,6 +14,9 @@ class PcapngRelay {
   // Takes `size` more bytes of the stream; appends every block they complete to `*blocks`.
   void Feed(const char* data, size_t size, std::string* blocks);
 
+  // The stream has ended: bytes of a block it never completed, or too few to tell, become text.
+  void End();
+
   // Whether a block has been passed on.
   bool started() const { return m_started; }
   // The stream stopped being pcapng (or never was): what followed, at most kMaxText bytes.

@@ -17,8 +17,8 @@
 namespace capture {
 namespace {
 
-constexpr int kTickMs = 250;      // stop checks while nothing arrives
-constexpr int kReapMs = 3000;     // how long adb may take to exit once its output ended
+constexpr int kTickMs = 250;   // stop checks while nothing arrives
+constexpr int kReapMs = 3000;  // how long adb may take to exit once its output ended
 constexpr size_t kMaxAdbErr = 4000;
 
 enum class WriteResult { kOk, kReaderGone, kFailed };
@@ -86,9 +86,13 @@ int RunPhoneCapture(const PhoneCaptureSetup& setup, int fifoFd) {
     }
     if ((fds[0].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
       std::string bytes;
-      if (!ReadInto(adb.outFd(), &bytes, SIZE_MAX)) adb.CloseOut();
       std::string blocks;
-      relay.Feed(bytes.data(), bytes.size(), &blocks);
+      if (ReadInto(adb.outFd(), &bytes, SIZE_MAX)) {
+        relay.Feed(bytes.data(), bytes.size(), &blocks);
+      } else {
+        adb.CloseOut();
+        relay.End();
+      }
       const WriteResult written = WriteAll(fifoFd, blocks);
       if (written == WriteResult::kReaderGone) {
         adb.Stop(kReapMs);
