@@ -6,14 +6,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <memory_resource>
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "libtidewatch/api/monitor_types.h"
 #include "libtidewatch/trap/decoder_arena.h"
+#include "libtidewatch/trap/decoder_tables.h"
+#include "libtidewatch/trap/name_table.h"
 
 namespace libtidewatch {
 
@@ -22,9 +26,8 @@ namespace libtidewatch {
 // are shared by every thread and must not be changed.
 class FrameDecoder {
  public:
-  // Everything a decoder holds is allocated from its arena (see m_arena), so the records that own
-  // strings or maps take the arena's allocator; a map of records hands it on by itself.
-  using allocator_type = std::pmr::polymorphic_allocator<char>;
+  // ---- What a loaded decoder holds. Names and tables point into the decoder's own memory, so a
+  // record copied out of a decoder must not outlive it.
 
   struct FIELD_INFO {
     bool loaded = false;
@@ -34,27 +37,14 @@ class FrameDecoder {
     // are ordered by name; readers that list fields as the file does sort by this.
     uint32_t order = 0;
   };
-  // Field name to where the field sits. The keys (and those of NameMap) point into the decoder's
-  // arena, so a copy of a map or record taken out of a decoder must not outlive the decoder.
-  using FieldMap = std::pmr::map<std::string_view, FIELD_INFO>;
+  using FieldMap = FlatTable<std::string_view, FIELD_INFO>;  // field name to where it sits
   struct FIELD_TRACE {
-    using allocator_type = FrameDecoder::allocator_type;
-    explicit FIELD_TRACE(const allocator_type& alloc = {}) : name(alloc), fields(alloc) {}
-    FIELD_TRACE(const FIELD_TRACE& other, const allocator_type& alloc = {})
-        : msgOffset(other.msgOffset), name(other.name, alloc), fields(other.fields, alloc) {}
     uint64_t msgOffset = 0;
-    std::pmr::string name;
+    LayoutName name;
     FieldMap fields;
   };
   struct FIELD_EM {
-    using allocator_type = FrameDecoder::allocator_type;
-    explicit FIELD_EM(const allocator_type& alloc = {}) : name(alloc), fields(alloc) {}
-    FIELD_EM(const FIELD_EM& other, const allocator_type& alloc = {})
-        : name(other.name, alloc),
-          fields(other.fields, alloc),
-          peerOffset(other.peerOffset),
-          peerHeader(other.peerHeader) {}
-    std::pmr::string name;
+    LayoutName name;
     FieldMap fields;
     int32_t peerOffset = 0;
     // The peer offset came from PEER_INFO: the peers follow a header of MSG_PEER_HEADER_SIZE
@@ -62,21 +52,12 @@ class FrameDecoder {
     bool peerHeader = false;
   };
   struct FIELD_OTA {
-    using allocator_type = FrameDecoder::allocator_type;
-    explicit FIELD_OTA(const allocator_type& alloc = {}) : name(alloc) {}
-    FIELD_OTA(const FIELD_OTA& other, const allocator_type& alloc = {}) : name(other.name, alloc) {}
-    std::pmr::string name;
+    LayoutName name;
   };
   struct FIELD_IPTrace {
-    using allocator_type = FrameDecoder::allocator_type;
-    explicit FIELD_IPTrace(const allocator_type& alloc = {}) : name(alloc) {}
-    FIELD_IPTrace(const FIELD_IPTrace& other, const allocator_type& alloc = {})
-        : name(other.name, alloc) {}
-    std::pmr::string name;
+    LayoutName name;
   };
-  // Name to id. The keys point at text the decoder owns: a record's own name where it is the same
-  // text, otherwise a copy in the arena, so a name is stored once.
-  using NameMap = std::pmr::map<std::string_view, uint64_t>;
+  using NameMap = NameTable;  // name to id, the first definition's; sorted on first use
   // A number the file may or may not define.
   struct OptionalNumber {
     uint64_t value = 0;
@@ -108,17 +89,44 @@ class FrameDecoder {
     virtual ~LogCache() {}
   };
 
-  // Stores one data line of a section: `fields` are the line's trimmed, non-empty fields (the
-  // collector may write into them), `user` the section's user value. False abandons the file.
-  using Collector = bool (*)(char** fields, size_t count, FrameDecoder* decoder, uintptr_t user);
+ private:
+  // Declared before every member that allocates from it, so it outlives them. Tables and names
+  // come from large blocks and are given back all at once with the decoder.
+  DecoderArena m_arena;
 
-  // The most fields a data line is split into; the fields after the tenth are ignored.
-  static constexpr size_t kMaxFields = 10;
+ public:
+  FIELD_INFO m_otaTraceID;
+  FIELD_INFO m_otaSIMIdx;
+  FIELD_INFO m_msgID;
+  FIELD_INFO m_msgSIMIdx;
+  FIELD_INFO m_peerSize;
+  OptionalNumber m_peerHeaderSize;
+  FlatTable<uint64_t, FIELD_TRACE> m_otaTraces;
+  NameMap m_otaTraceIDsByName{&m_arena};
+  FlatTable<uint64_t, FIELD_OTA> m_globalIDs;
+  NameMap m_globalIDsByName{&m_arena};
+  FlatTable<uint64_t, FIELD_EM> m_msgs;
+  NameMap m_msgIDsByName{&m_arena};
+  std::pmr::map<uint64_t, uint64_t> m_msgEMIDMapping{&m_arena};
+  FlatTable<uint64_t, FIELD_IPTrace> m_ipTraceIDs;
+  NameMap m_ipTraceIDsByName{&m_arena};
+  std::pmr::vector<std::pmr::set<uint64_t>> m_simMsgSets{&m_arena};  // indexed by SIM number (2-4)
+  ProtocolVersions m_protocolVersions;
+  ModemTimeInfo m_modemTimeInfo;
+  ModemEMFilterInfo m_modemEMFilterInfo;
+  LogCache m_logCache;
+
+  // The name of message `msgId` of type OTA (GLOBAL_ID section) or EM (MSG_INFO and PEER_INFO
+  // sections), or null. The text lives as long as the decoder.
+  const char* GetMsgString(TRAP_TYPE type, unsigned long msgId) const;
+
+  // ---- Finding and loading a file.
+
   // The size of the buffer that SearchLayoutFile fills and GetInstance passes.
   static constexpr size_t kLayoutPathSize = 4096;
 
-  FrameDecoder() = default;
-  virtual ~FrameDecoder() = default;
+  FrameDecoder();
+  virtual ~FrameDecoder();
   FrameDecoder(const FrameDecoder&) = delete;
   FrameDecoder& operator=(const FrameDecoder&) = delete;
 
@@ -140,11 +148,14 @@ class FrameDecoder {
   // "/data/vendor/kelpie" on thin-modem projects). What GetInstance(nullptr) does on first use.
   bool LoadFromDefaultLocation();
 
-  // The name of message `msgId` of type OTA (GLOBAL_ID section) or EM (MSG_INFO and PEER_INFO
-  // sections), or null. The text lives as long as the decoder.
-  const char* GetMsgString(TRAP_TYPE type, unsigned long msgId) const;
+  // ---- The section collectors, one per section of the file: each stores one data line.
 
-  // The section collectors, one per section of the file.
+  // `fields` are the line's trimmed, non-empty fields (the collector may write into them), `user`
+  // the section's user value. False abandons the file.
+  using Collector = bool (*)(char** fields, size_t count, FrameDecoder* decoder, uintptr_t user);
+  // The most fields a data line is split into; the fields after the tenth are ignored.
+  static constexpr size_t kMaxFields = 10;
+
   static bool OTAInfoCollector(char** fields, size_t count, FrameDecoder* decoder, uintptr_t user);
   static bool GlobalIDCollector(char** fields, size_t count, FrameDecoder* decoder, uintptr_t user);
   static bool MsgInfoCollector(char** fields, size_t count, FrameDecoder* decoder, uintptr_t user);
@@ -163,57 +174,30 @@ class FrameDecoder {
   static bool TimeInfoCollector(char** fields, size_t count, FrameDecoder* decoder, uintptr_t user);
 
  private:
-  // Declared before every container that allocates from it, so it outlives them. Nodes and
-  // strings come from large blocks and are given back all at once with the decoder: on files of
-  // 100k messages a million separate heap blocks cost more than the reading itself.
-  DecoderArena m_arena;
+  // While LoadFromDESC runs, new records are staged (appended, with an index) and put into the
+  // tables in one sorted pass at the end: on large files one sorted insert per line would cost
+  // more than all the rest of the reading. Outside a load a line goes straight into its table.
+  // Either way the first definition of an id wins; names are sorted by their tables.
+  struct LoadState;
 
- public:
-  FIELD_INFO m_otaTraceID;
-  FIELD_INFO m_otaSIMIdx;
-  FIELD_INFO m_msgID;
-  FIELD_INFO m_msgSIMIdx;
-  FIELD_INFO m_peerSize;
-  OptionalNumber m_peerHeaderSize;
-  std::pmr::map<uint64_t, FIELD_TRACE> m_otaTraces{&m_arena};
-  NameMap m_otaTraceIDsByName{&m_arena};
-  std::pmr::map<uint64_t, FIELD_OTA> m_globalIDs{&m_arena};
-  NameMap m_globalIDsByName{&m_arena};
-  std::pmr::map<uint64_t, FIELD_EM> m_msgs{&m_arena};
-  NameMap m_msgIDsByName{&m_arena};
-  std::pmr::map<uint64_t, uint64_t> m_msgEMIDMapping{&m_arena};
-  std::pmr::map<uint64_t, FIELD_IPTrace> m_ipTraceIDs{&m_arena};
-  NameMap m_ipTraceIDsByName{&m_arena};
-  std::pmr::vector<std::pmr::set<uint64_t>> m_simMsgSets{&m_arena};  // indexed by SIM number (2-4)
-  ProtocolVersions m_protocolVersions;
-  ModemTimeInfo m_modemTimeInfo;
-  ModemEMFilterInfo m_modemEMFilterInfo;
-  LogCache m_logCache;
-
- private:
-  // While LoadFromDESC runs, names bound for the name maps are queued and merged in one sorted
-  // pass at the end of the file: on large files one tree insert per name costs more than all the
-  // rest of the reading. Outside a load a name goes straight into its map. Either way the first
-  // definition of a name wins.
-  struct PendingName {
-    NameMap* names;
-    std::string_view name;  // owned by the decoder already
-    uint64_t id;
-  };
-  // Inserts `name` (not owned) into `names` if absent. `recordName` is the text of the record the
-  // name belongs to; when the two are equal the key points at it instead of a copy.
-  void InsertName(NameMap& names, const char* name, std::string_view recordName, uint64_t id);
-  void MergePendingNames();
+  // The record of `id` in `table`, created (with `name`, when not null) if absent.
+  template <typename Record>
+  std::pair<Record*, bool> EmplaceRecord(FlatTable<uint64_t, Record>& table, uint64_t id,
+                                         const char* name);
+  // Enters `name` (not owned) for `id` into `names` unless present. `recordName` is the text of
+  // the record the name belongs to; when the two are equal the entry points at it.
+  void InsertName(NameMap& names, const char* name, const LayoutName& recordName, uint64_t id);
+  // Puts what a load staged into the tables.
+  void FinishLoad();
 
   static FIELD_EM& InsertMessage(FrameDecoder* decoder, uint64_t id, const char* name);
   template <typename Record>
   static bool CollectNamedID(char** fields, size_t count, FrameDecoder* decoder,
-                             std::pmr::map<uint64_t, Record>& byID, NameMap& byName);
+                             FlatTable<uint64_t, Record>& byID, NameMap& byName);
   static bool CollectPeerInfo(char** fields, size_t count, FrameDecoder* decoder,
                               bool withHeaderSize, const char* collector);
 
-  bool m_queueNames = false;
-  std::vector<PendingName> m_pendingNames;
+  std::unique_ptr<LoadState> m_load;  // only while a load runs
 };
 
 }  // namespace libtidewatch

@@ -3,12 +3,12 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
-#include <iterator>
 #include <string_view>
 #include <utility>
 
 #include "libtidewatch/platform/log.h"
 #include "libtidewatch/trap/frame_decoder.h"
+#include "libtidewatch/trap/frame_decoder_load_state.h"
 
 namespace libtidewatch {
 namespace {
@@ -70,53 +70,56 @@ bool CollectFieldInfo(char** fields, size_t count, FIELD_INFO* info) {
   return true;
 }
 
-// Sets FIELD's offset, then its size, in a message's or a trace's field map. A missing size
-// (null) fails like one that does not convert; the offset stays written either way.
-bool CollectMemberField(FrameDecoder::FieldMap& members, const char* field, const char* offsetText,
-                        const char* sizeText) {
+// Sets FIELD's offset, then its size, in a message's or a trace's field map, whose keys and array
+// live in `arena`. A missing size (null) fails like one that does not convert; the offset stays
+// written either way.
+bool CollectMemberField(FrameDecoder::FieldMap& members, std::pmr::memory_resource* arena,
+                        const char* field, const char* offsetText, const char* sizeText) {
   uint64_t offset = 0;
   if (!ToUInt64(offsetText, &offset)) return false;
   std::string_view name(field);
-  auto it = members.lower_bound(name);
-  if (it == members.end() || it->first != name) {
+  auto it = members.find(name);
+  FIELD_INFO* info = it != members.end() ? &it->second : nullptr;
+  if (info == nullptr) {
     // The key must outlive the line: copy it where the map itself lives.
-    char* copy = static_cast<char*>(members.get_allocator().resource()->allocate(name.size(), 1));
-    memcpy(copy, name.data(), name.size());
-    FIELD_INFO fresh;
-    fresh.order = static_cast<uint32_t>(members.size());
-    it = members.emplace_hint(it, std::string_view(copy, name.size()), fresh);
+    const uint32_t order = static_cast<uint32_t>(members.size());
+    info = members.Emplace(CopyName(name, arena), arena).first;
+    info->order = order;
   }
-  FIELD_INFO& info = it->second;
-  info.offset = offset;
+  info->offset = offset;
   uint64_t size = 0;
   if (sizeText == nullptr) {
     TW_LOGE("Failed to convert [%s] to uint64_t.", "");
     return false;
   }
   if (!ToUInt64(sizeText, &size)) return false;
-  info.size = size;
-  info.loaded = true;
+  info->size = size;
+  info->loaded = true;
   return true;
-}
-
-// Inserts `id` unless present; returns its entry and whether it was created. Layout files usually
-// list ids in ascending order, with a message's lines together, so the last entry is nearly always
-// the right hint; a wrong hint costs an ordinary lookup.
-template <typename Record>
-std::pair<Record*, bool> EmplaceID(std::pmr::map<uint64_t, Record>& map, uint64_t id) {
-  size_t before = map.size();
-  auto it = map.try_emplace(map.empty() ? map.end() : std::prev(map.end()), id);
-  return {&it->second, map.size() != before};
 }
 
 }  // namespace
 
+template <typename Record>
+std::pair<Record*, bool> FrameDecoder::EmplaceRecord(FlatTable<uint64_t, Record>& table,
+                                                     uint64_t id, const char* name) {
+  auto inserted = m_load ? m_load->Of(table).Emplace(table, id) : table.Emplace(id, &m_arena);
+  if (inserted.second && name != nullptr) inserted.first->name = CopyName(name, &m_arena);
+  return inserted;
+}
+
+void FrameDecoder::InsertName(NameMap& names, const char* name, const LayoutName& recordName,
+                              uint64_t id) {
+  std::string_view text(name);
+  // Another name for a known id (or a name only the name map keeps) needs a copy of its own.
+  names.Add(text == recordName ? std::string_view(recordName) : CopyName(text, &m_arena), id);
+}
+
 // The first definition of a message wins; only a new message enters the name map.
 FrameDecoder::FIELD_EM& FrameDecoder::InsertMessage(FrameDecoder* decoder, uint64_t id,
                                                     const char* name) {
-  auto inserted = EmplaceID(decoder->m_msgs, id);
+  auto inserted = decoder->EmplaceRecord(decoder->m_msgs, id, name);
   if (inserted.second) {
-    inserted.first->name = name;
     decoder->InsertName(decoder->m_msgIDsByName, name, inserted.first->name, id);
   }
   return *inserted.first;
@@ -125,12 +128,11 @@ FrameDecoder::FIELD_EM& FrameDecoder::InsertMessage(FrameDecoder* decoder, uint6
 // One NAME(ID) line into an ID map and its name map, both insert-if-absent.
 template <typename Record>
 bool FrameDecoder::CollectNamedID(char** fields, size_t count, FrameDecoder* decoder,
-                                  std::pmr::map<uint64_t, Record>& byID, NameMap& byName) {
+                                  FlatTable<uint64_t, Record>& byID, NameMap& byName) {
   const char* name = nullptr;
   uint64_t id = 0;
   if (fields == nullptr || count != 1 || !SplitNameAndID(fields[0], &name, &id)) return false;
-  auto inserted = EmplaceID(byID, id);
-  if (inserted.second) inserted.first->name = name;
+  auto inserted = decoder->EmplaceRecord(byID, id, name);
   decoder->InsertName(byName, name, inserted.first->name, id);
   return true;
 }
@@ -180,17 +182,14 @@ bool FrameDecoder::OTAInfoCollector(char** fields, size_t count, FrameDecoder* d
   const char* name = nullptr;
   uint64_t traceID = 0;
   if (!SplitNameAndID(fields[0], &name, &traceID)) return false;
-  auto inserted = EmplaceID(decoder->m_otaTraces, traceID);
-  FIELD_TRACE& trace = *inserted.first;
-  if (inserted.second) trace.name = name;
+  FIELD_TRACE& trace = *decoder->EmplaceRecord(decoder->m_otaTraces, traceID, name).first;
   if (strcmp(fields[1], "OTA_MSG_OFFSET") == 0) {
     uint64_t offset = 0;
     if (!ToUInt64(fields[2], &offset)) return false;
     trace.msgOffset = offset;
-  } else {
-    if (!CollectMemberField(trace.fields, fields[1], fields[2], count == 4 ? fields[3] : nullptr)) {
-      return false;
-    }
+  } else if (!CollectMemberField(trace.fields, &decoder->m_arena, fields[1], fields[2],
+                                 count == 4 ? fields[3] : nullptr)) {
+    return false;
   }
   decoder->InsertName(decoder->m_otaTraceIDsByName, name, trace.name, traceID);
   return true;
@@ -215,7 +214,7 @@ bool FrameDecoder::MsgInfoCollector(char** fields, size_t count, FrameDecoder* d
   uint64_t id = 0;
   if (count != 4 || !SplitNameAndID(fields[0], &name, &id)) return false;
   FIELD_EM& message = InsertMessage(decoder, id, name);
-  return CollectMemberField(message.fields, fields[1], fields[2], fields[3]);
+  return CollectMemberField(message.fields, &decoder->m_arena, fields[1], fields[2], fields[3]);
 }
 
 bool FrameDecoder::SIMInfoCollector(char** fields, size_t count, FrameDecoder* decoder,

@@ -9,6 +9,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
@@ -126,8 +127,24 @@ TEST_F(FrameDecoderTest, ManyNamesGiveWhatLineByLineInsertionGives) {
       ids.emplace(id, name);
       names.emplace(name, id);
     }
+    // Each file adds a field to the same message, after those it has.
+    text += "#MSG_INFO\nM(10),F" + std::to_string(file) + ",1,2\n";
     ASSERT_TRUE(Load(text));
+    // Names are sorted when first read; the second file's then join those already sorted.
+    if (file == 0) {
+      EXPECT_EQ(NamesOf(decoder_), names);
+    }
   }
+  // The first reads may come from several threads at once.
+  std::vector<std::thread> readers;
+  for (int i = 0; i < 4; ++i) {
+    readers.emplace_back([&] { EXPECT_EQ(decoder_.m_msgIDsByName.at("M"), 10u); });
+  }
+  for (std::thread& reader : readers) reader.join();
+  const auto& fields = decoder_.m_msgs.at(10).fields;
+  ASSERT_EQ(fields.size(), 2u);
+  EXPECT_EQ(fields.at("F0").order, 0u);
+  EXPECT_EQ(fields.at("F1").order, 1u);
   EXPECT_EQ(NamesOf(decoder_), names);
   ASSERT_EQ(decoder_.m_globalIDs.size(), ids.size());
   for (const auto& id : ids)

@@ -1,12 +1,8 @@
-// FrameDecoder's name maps (name to id), filled in bulk at the end of a load. Inserting tens of
-// thousands of random names into a tree one by one is dominated by cache misses; sorting them
-// first lets every insert land at the end of the tree.
+#include "libtidewatch/trap/name_table.h"
+
 #include <algorithm>
 #include <cstring>
 #include <utility>
-#include <vector>
-
-#include "libtidewatch/trap/frame_decoder.h"
 
 namespace libtidewatch {
 namespace {
@@ -71,56 +67,37 @@ void SortNames(NameRef* names, NameRef* scratch, size_t count, size_t depth, siz
 
 }  // namespace
 
-void FrameDecoder::InsertName(NameMap& names, const char* name, std::string_view recordName,
-                              uint64_t id) {
-  std::string_view text(name);
-  if (text == recordName) {
-    text = recordName;
-  } else {
-    // Another name for a known id (or a name only the name map keeps): it needs a copy of its own.
-    char* copy = static_cast<char*>(m_arena.allocate(text.size() + 1, 1));
-    memcpy(copy, text.data(), text.size());
-    copy[text.size()] = '\0';
-    text = std::string_view(copy, text.size());
-  }
-  if (m_queueNames) {
-    m_pendingNames.push_back({&names, text, id});
-  } else {
-    names.emplace(text, id);
-  }
+void NameTable::Add(std::string_view name, uint64_t id) {
+  m_pending.push_back({name, id});
+  m_sorted.store(false, std::memory_order_relaxed);
 }
 
-void FrameDecoder::MergePendingNames() {
-  // A load fills at most four name maps; sort the names of each on its own.
-  std::vector<NameMap*> maps;
-  for (const PendingName& pending : m_pendingNames) {
-    if (std::find(maps.begin(), maps.end(), pending.names) == maps.end()) {
-      maps.push_back(pending.names);
-    }
-  }
+const NameTable::Table& NameTable::Sorted() const {
+  if (m_sorted.load(std::memory_order_acquire)) return m_table;
+  std::lock_guard<std::mutex> lock(m_sorting);
+  if (m_sorted.load(std::memory_order_relaxed)) return m_table;
   std::vector<NameRef> sorted;
-  std::vector<NameRef> scratch;
-  for (NameMap* map : maps) {
-    sorted.clear();
-    for (size_t i = 0; i < m_pendingNames.size(); ++i) {
-      const PendingName& pending = m_pendingNames[i];
-      if (pending.names == map) {
-        sorted.push_back({pending.name.data(), pending.name.size(), i});
-      }
-    }
-    scratch.resize(sorted.size());
-    SortNames(sorted.data(), scratch.data(), sorted.size(), 0, 0);
-    auto last = map->end();
-    for (const NameRef& ref : sorted) {
-      // Later definitions of a name sort right after the first one and are dropped.
-      std::string_view name(ref.text, ref.length);
-      if (last != map->end() && last->first == name) continue;
-      // In sorted order the end is the right hint, unless the map held names before this load;
-      // then emplace_hint finds the place itself and keeps an existing name.
-      last = map->emplace_hint(map->end(), name, m_pendingNames[ref.queued].id);
-    }
+  sorted.reserve(m_pending.size());
+  for (size_t i = 0; i < m_pending.size(); ++i) {
+    sorted.push_back({m_pending[i].name.data(), m_pending[i].name.size(), i});
   }
-  std::vector<PendingName>().swap(m_pendingNames);
+  std::vector<NameRef> scratch(sorted.size());
+  SortNames(sorted.data(), scratch.data(), sorted.size(), 0, 0);
+  // Built in the arena, where an empty table keeps it as it is: the arena never takes memory
+  // back, so the array stays when the vector goes.
+  std::pmr::vector<value_type> unique(m_arena);
+  unique.reserve(sorted.size());
+  for (const NameRef& ref : sorted) {
+    // Later definitions of a name sort right after the first one and are dropped.
+    std::string_view name(ref.text, ref.length);
+    if (!unique.empty() && unique.back().first == name) continue;
+    unique.emplace_back(name, m_pending[ref.queued].id);
+  }
+  // Names already in the table came first, so they win over the new ones.
+  m_table.Merge(unique.data(), unique.size(), unique.capacity(), m_arena);
+  std::vector<Pending>().swap(m_pending);
+  m_sorted.store(true, std::memory_order_release);
+  return m_table;
 }
 
 }  // namespace libtidewatch
