@@ -158,6 +158,9 @@ void PcapngOutput::WriterLoop() {
     const bool ok = WriteOut();
     m_writing.clear();
     m_writingCuts.clear();
+    // A backlog's large buffer is let go once written: the buffers that change hands stay the
+    // size of a normal hand-over, so resident memory follows the backlog back down.
+    if (m_writing.capacity() > 2 * kHandOffBytes) std::string().swap(m_writing);
     if (!ok) return;
   }
 }

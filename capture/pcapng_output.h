@@ -28,7 +28,7 @@ class PcapngOutput {
     uint64_t ringBytes = 0;         // start a new file at this size; 0: one file
     uint64_t ringFiles = 0;         // keep at most this many ring files; 0: all
     std::string userAppl;           // the writing program, named in each section header
-    size_t bufferBytes = 8u << 20;  // encoded bytes waiting for the file, at most
+    size_t bufferBytes = 16u << 20;  // encoded bytes waiting for the file, at most
   };
 
   // `wakeup` (not owned, may be null) is notified when the output fails, so that the capture ends.

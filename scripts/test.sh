@@ -23,6 +23,7 @@ threaded_suites=(
   trap_monitor_trap_receiver_test
   trap_monitor_trap_receiver_host_test
   trap_frame_decoder_cache_test
+  e2e_capture_file_test
 )
 
 passed=()
