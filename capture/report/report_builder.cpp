@@ -40,6 +40,12 @@ void AppendLabel(TRAP_TYPE type, const DecodedTrap& decoded, std::string* out) {
   }
 }
 
+// Times as the report keeps them: within the grid's range, so that no difference of two overflows,
+// whatever a damaged capture says.
+int64_t Clamped(int64_t timeUs) {
+  return std::clamp(timeUs, -TimeGrid::kMaxAbsTimeUs, TimeGrid::kMaxAbsTimeUs);
+}
+
 void MergeField(FieldBucket* into, const FieldBucket& from) {
   if (from.count == 0) return;
   if (into->count == 0) {
@@ -78,13 +84,14 @@ size_t ReportBuilder::PlaceInGrid(int64_t timeUs) {
 void ReportBuilder::Add(const CapturedTrap& trap) {
   const DecodedTrap& decoded = trap.decoded;
   TRAP_TYPE type = decoded.type < TRAP_TYPE_NUM ? decoded.type : libtidewatch::TRAP_TYPE_NONE;
-  size_t bucket = PlaceInGrid(trap.timeUs);
+  const int64_t timeUs = Clamped(trap.timeUs);
+  size_t bucket = PlaceInGrid(timeUs);
 
   if (m_data.traps == 0) {
-    m_data.firstUs = m_data.lastUs = trap.timeUs;
+    m_data.firstUs = m_data.lastUs = timeUs;
   } else {
-    m_data.firstUs = std::min(m_data.firstUs, trap.timeUs);
-    m_data.lastUs = std::max(m_data.lastUs, trap.timeUs);
+    m_data.firstUs = std::min(m_data.firstUs, timeUs);
+    m_data.lastUs = std::max(m_data.lastUs, timeUs);
   }
   ++m_data.traps;
   m_data.bytes += decoded.payload.size;  // payload bytes, as the capture's summary counts them
@@ -110,7 +117,7 @@ void ReportBuilder::Add(const CapturedTrap& trap) {
   if (type == libtidewatch::TRAP_TYPE_OTA) {
     if (m_data.ota.size() < kMaxOta) {
       OtaEntry entry;
-      entry.timeUs = trap.timeUs;
+      entry.timeUs = timeUs;
       entry.seq = trap.seq;
       entry.sim = ToOptional(decoded.sim);
       entry.message = decoded.msgName ? std::string(Cut(*decoded.msgName)) : Unnamed(decoded.msgId);
@@ -127,13 +134,14 @@ void ReportBuilder::Add(const CapturedTrap& trap) {
 }
 
 void ReportBuilder::AddDrops(const CapturedTrap& trap) {
-  if (trap.HasDiscards() || trap.toolDrops != 0) RecordDrops(trap, PlaceInGrid(trap.timeUs));
+  if (trap.HasDiscards() || trap.toolDrops != 0)
+    RecordDrops(trap, PlaceInGrid(Clamped(trap.timeUs)));
 }
 
 void ReportBuilder::RecordDrops(const CapturedTrap& trap, size_t bucket) {
   if (trap.HasDiscards()) {
     DropEvent event;
-    event.timeUs = trap.timeUs;
+    event.timeUs = Clamped(trap.timeUs);
     uint64_t sum = 0;
     for (size_t t = 0; t < TRAP_TYPE_NUM; ++t) {
       event.counts[t] = trap.discards[t];
@@ -146,7 +154,7 @@ void ReportBuilder::RecordDrops(const CapturedTrap& trap, size_t bucket) {
   if (trap.toolDrops != 0) {
     // The capture's own losses carry no type: they never reached the decoder's view.
     DropEvent event;
-    event.timeUs = trap.timeUs;
+    event.timeUs = Clamped(trap.timeUs);
     event.byTool = true;
     event.counts[libtidewatch::TRAP_TYPE_NONE] = trap.toolDrops;
     m_data.toolDropsByType[libtidewatch::TRAP_TYPE_NONE] += trap.toolDrops;
@@ -158,6 +166,7 @@ void ReportBuilder::RecordDrops(const CapturedTrap& trap, size_t bucket) {
 void ReportBuilder::AddToolDrop(int64_t timeUs, TRAP_TYPE type, uint64_t count) {
   if (count == 0) return;
   if (type >= TRAP_TYPE_NUM) type = libtidewatch::TRAP_TYPE_NONE;
+  timeUs = Clamped(timeUs);
   size_t bucket = PlaceInGrid(timeUs);
   m_data.typeBuckets[bucket].toolDrops += count;
   m_data.toolDropsByType[type] += count;
@@ -180,8 +189,8 @@ void ReportBuilder::SetSource(std::string_view source) { m_data.source = std::st
 
 void ReportBuilder::SetSpan(int64_t startUs, int64_t endUs) {
   m_data.hasSpan = true;
-  m_data.spanStartUs = std::min(startUs, endUs);
-  m_data.spanEndUs = std::max(startUs, endUs);
+  m_data.spanStartUs = Clamped(std::min(startUs, endUs));
+  m_data.spanEndUs = Clamped(std::max(startUs, endUs));
 }
 
 void ReportBuilder::SetStoppedAt(std::string_view where) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 
 #include "capture/report/html_text.h"
@@ -13,6 +14,8 @@ namespace {
 constexpr double kCharWidth = 6.6;  // of the 11 px axis font, for the left margin
 constexpr int64_t kSecondUs = 1000000;
 constexpr size_t kDotsBelow = 60;  // lines with fewer points show them as dots too
+// Times beyond this are drawn at it, so that time arithmetic cannot overflow (about 36,000 years).
+constexpr int64_t kMaxAbsTimeUs = int64_t{1} << 60;
 
 // Appends `v` with one decimal at most ("12", "12.5"): coordinates need no more, and the page
 // stays small.
@@ -64,8 +67,8 @@ std::string TimeLabel(int64_t timeUs, int64_t stepUs) {
 }  // namespace
 
 SvgChart::SvgChart(int64_t startUs, int64_t endUs, int width, int height)
-    : m_start(std::min(startUs, endUs)),
-      m_end(std::max(startUs, endUs)),
+    : m_start(std::clamp(std::min(startUs, endUs), -kMaxAbsTimeUs, kMaxAbsTimeUs)),
+      m_end(std::clamp(std::max(startUs, endUs), -kMaxAbsTimeUs, kMaxAbsTimeUs)),
       m_width(std::max(width, 200)),
       m_height(std::max(height, 100)) {}
 
@@ -122,7 +125,7 @@ int64_t SvgChart::TimeStep(int64_t spanUs, int count) {
     if (raw <= step) return step;
   }
   int64_t step = 7 * 86400 * kSecondUs;
-  while (step < raw && step < (int64_t{1} << 60)) step *= 10;
+  while (step < raw && step <= INT64_MAX / 10) step *= 10;
   return step;
 }
 
@@ -203,6 +206,7 @@ void SvgChart::Render(const std::string& ariaLabel, std::string* out) const {
     if (first < m_start) first += timeStep;
     for (int64_t t = first; t <= m_end && timeTicks.size() < 40; t += timeStep) {
       timeTicks.push_back(t);
+      if (t > m_end - timeStep) break;
     }
   } else {
     timeTicks.push_back(m_start);

@@ -109,9 +109,18 @@ TEST_F(HtmlReportTest, DrawsEveryFieldAndKeepsHostileTextAsText) {
   EXPECT_NE(page.find("and 100 more OTA messages, not listed"), std::string::npos);
 }
 
-TEST_F(HtmlReportTest, AnEmptyCaptureStillMakesAPage) {
+TEST_F(HtmlReportTest, EmptyAndFarFlungCapturesStillMakeAPage) {
   std::string page = HtmlReport(builder_.data()).Render();
   EXPECT_NE(page.find("No traps were captured."), std::string::npos);
+  EXPECT_NE(page.find("</html>"), std::string::npos);
+
+  // Times a damaged file may hold, at the ends of the type: drawn at the report's limits.
+  AddEm(INT64_MIN, "EM_A", {{"F", 1}}, 0);
+  AddEm(INT64_MAX, "EM_A", {{"F", 2}}, 0);
+  builder_.AddToolDrop(INT64_MAX, libtidewatch::TRAP_TYPE_EM, 1);
+  builder_.SetSpan(INT64_MIN, INT64_MAX);
+  page = HtmlReport(builder_.data()).Render();
+  EXPECT_EQ(tidewatch_test::FindReportCharts(page).size(), 1u);
   EXPECT_NE(page.find("</html>"), std::string::npos);
 }
 
