@@ -166,6 +166,9 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
       EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.log}) << c.json;
     }
   }
+  // Without its closing NUL a reply loses its last character to it, and does not parse.
+  fake.replyPayload = head + R"("version":1,"ret":0})";
+  EXPECT_EQ(encoder.CloseSession(0, 1), MONITOR_RESULT_BAD_REPLY);
 }
 
 TEST_F(JsonCmdEncoderTest, CreateSessionMixesIdsAndCodesUnlessAskedApart) {
@@ -186,6 +189,7 @@ TEST_F(JsonCmdEncoderTest, CreateSessionMixesIdsAndCodesUnlessAskedApart) {
       {head + R"("ret":0,"data":{"sid":42}})", 10, 10, kUntouched},
       {head + R"("ret":0,"data":{"sessionId":"42"}})", 10, 10, kUntouched},
       {head + R"("ret":16,"data":{"sessionId":42}})", 10, 10, kUntouched},
+      {"[1,2]", 10, 10, kUntouched},  // no object: nothing is looked up in it
   };
   for (const auto& c : cases) {
     ReplyWith(c.json);
