@@ -5,6 +5,7 @@
 // decode and print them; the tool's own count (-c) then proves that none was lost.
 #include <benchmark/benchmark.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -16,39 +17,47 @@
 #include <vector>
 
 #include "bench/bench_main.h"
-#include "bench/child_process.h"
 #include "bench/trap_sender.h"
 #include "libtidewatch/api/json_cmd_encoder.h"
 #include "libtidewatch/api/monitor_cmd_proxy.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using tidewatch_bench::Bytes;
-using tidewatch_bench::ChildProcess;
 
 constexpr size_t kBatchBytes = 1 << 20;
 constexpr int kBatches = 100;  // about 1.4 million traps per run
-constexpr auto kLimit = std::chrono::seconds(20);
+constexpr int kLimitMs = 20000;
+constexpr auto kLimit = std::chrono::milliseconds(kLimitMs);
 constexpr size_t kPayloadOffset = 10 + 5;  // the MCP header, then the trap record's
 
-// The emulator, up once it has printed its ready line.
-bool StartEmulator(ChildProcess* emulator) {
-  int out[2];
-  if (pipe(out) != 0) return false;
-  const bool started = emulator->Start("", out[1]);
-  close(out[1]);
+// Ends (SIGKILL) and reaps a child that is still running.
+void Kill(pid_t pid) {
+  if (pid <= 0) return;
+  kill(pid, SIGKILL);
+  tidewatch_test::WaitChild(pid, 10000);
+}
+
+// Starts the emulator, into `*pid`; true once it has printed its ready line.
+bool StartEmulator(pid_t* pid) {
+  int out = -1;
+  if (!tidewatch_test::StartChild(std::string(TIDEWATCH_BIN_DIR) + "/tidewatch_hal_emulator", {},
+                                  tidewatch_test::ChildOptions(), pid, &out)) {
+    return false;
+  }
   std::string seen;
   const auto deadline = Clock::now() + kLimit;
-  while (started && seen.find("ready\n") == std::string::npos && Clock::now() < deadline) {
-    pollfd p{out[0], POLLIN, 0};
+  while (seen.find("ready\n") == std::string::npos && Clock::now() < deadline) {
+    pollfd p{out, POLLIN, 0};
     if (poll(&p, 1, 100) <= 0) continue;
     char buf[256];
-    const ssize_t n = read(out[0], buf, sizeof(buf));
+    const ssize_t n = read(out, buf, sizeof(buf));
     if (n <= 0) break;
     seen.append(buf, static_cast<size_t>(n));
   }
-  close(out[0]);
+  close(out);
   return seen.find("ready\n") != std::string::npos;
 }
 
@@ -64,21 +73,6 @@ bool WaitEnabled(unsigned long sessionId) {
   return false;
 }
 
-// The capture's exit status once it has ended by itself, or -1 when it did not within the limit.
-int WaitExit(ChildProcess* capture) {
-  const auto deadline = Clock::now() + kLimit;
-  while (Clock::now() < deadline) {
-    int status = 0;
-    if (waitpid(capture->pid(), &status, WNOHANG) == capture->pid()) {
-      capture->Kill();  // forgets the reaped child
-      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  capture->Kill();
-  return -1;
-}
-
 void BM_CaptureProcess(benchmark::State& state) {
   const size_t trapSize = static_cast<size_t>(state.range(0));
   uint64_t perBatch = 0;
@@ -92,8 +86,9 @@ void BM_CaptureProcess(benchmark::State& state) {
   }
   const uint64_t traps = perBatch * kBatches;
 
-  ChildProcess emulator({std::string(TIDEWATCH_BIN_DIR) + "/tidewatch_hal_emulator"});
+  pid_t emulator = -1;
   if (!StartEmulator(&emulator)) {
+    Kill(emulator);
     state.SkipWithError("the emulator did not come up");
     return;
   }
@@ -102,14 +97,20 @@ void BM_CaptureProcess(benchmark::State& state) {
   uint64_t sent = 0;
   for (auto _ : state) {
     ++sessionId;  // the emulator numbers sessions from 1
-    ChildProcess capture({std::string(TIDEWATCH_BIN_DIR) + "/tide_watch_capture", "--em", "2000",
-                          "--format", "json", "--receiver-name", name, "-c",
-                          std::to_string(traps)});
+    tidewatch_test::ChildOptions options;
+    options.dropStdout = true;
+    pid_t capture = -1;
     int fd = -1;
-    if (capture.Start("") && WaitEnabled(sessionId)) {
+    if (tidewatch_test::StartChild(
+            std::string(TIDEWATCH_BIN_DIR) + "/tide_watch_capture",
+            {"--em", "2000", "--format", "json", "--receiver-name", name, "-c",
+             std::to_string(traps)},
+            options, &capture, &fd) &&
+        WaitEnabled(sessionId)) {
       fd = libtidewatch::ConnectAbstract(std::to_string(sessionId) + name);
     }
     if (fd < 0) {
+      Kill(capture);
       state.SkipWithError("the capture did not come up");
       break;
     }
@@ -118,7 +119,9 @@ void BM_CaptureProcess(benchmark::State& state) {
     for (int i = 0; i < kBatches && written; ++i) written = tidewatch_bench::WriteAll(fd, stream);
     const auto end = Clock::now();
     close(fd);
-    const int status = WaitExit(&capture);
+    // Its exit status once it has ended by itself; a capture still running after the limit is
+    // killed and shows as -9.
+    const int status = tidewatch_test::WaitChild(capture, kLimitMs);
     if (!written || status != 0) {
       state.SkipWithError(("the capture did not take every trap (exit status " +
                            std::to_string(status) + ")")
@@ -128,6 +131,7 @@ void BM_CaptureProcess(benchmark::State& state) {
     state.SetIterationTime(std::chrono::duration<double>(end - start).count());
     sent += traps;
   }
+  Kill(emulator);
   state.SetItemsProcessed(static_cast<int64_t>(sent));
   state.SetBytesProcessed(static_cast<int64_t>(sent / perBatch * stream.size()));
 }

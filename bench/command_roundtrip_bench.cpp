@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -20,14 +21,14 @@
 #include <vector>
 
 #include "bench/bench_main.h"
-#include "bench/child_process.h"
 #include "libtidewatch/api/json_cmd_encoder.h"
 #include "libtidewatch/api/monitor_cmd_proxy.h"
+#include "tests/support/child_process.h"
+#include "tests/support/scratch_dir.h"
 
 namespace {
 
-using tidewatch_bench::ChildProcess;
-using tidewatch_bench::ScratchDir;
+using tidewatch_test::ScratchDir;
 using CmdProxy = libtidewatch::MonitorCmdProxy<libtidewatch::JsonCmdEncoder>;
 
 constexpr char kReadyLine[] = "tidewatch_hal_emulator: ready\n";
@@ -51,29 +52,30 @@ class Service {
     return service.get();
   }
   ~Service() {
-    m_emulator.Kill(SIGTERM);
-    for (int fd : m_out) {
-      if (fd >= 0) close(fd);
-    }
+    if (m_emulator > 0) kill(m_emulator, SIGTERM);
+    if (m_emulator > 0) tidewatch_test::WaitChild(m_emulator, 10000);
+    if (m_out >= 0) close(m_out);
   }
 
   uint64_t sessionId() const { return m_sessionId; }
   const std::string& dir() const { return m_dir.path(); }
 
  private:
-  Service()
-      : m_emulator({BinPath("tidewatch_hal_emulator"), "--aidl",
-                    "--first-session-id=" + std::to_string(kFirstSessionId)}) {}
+  Service() : m_dir("tw_bench") {}
 
   bool Start() {
     setenv("TIDEWATCH_HAL_SOCKET_PREFIX", (".tw_bench." + std::to_string(getpid()) + ".").c_str(),
            1);
-    if (!m_dir.ok() || pipe2(m_out, O_CLOEXEC) != 0 || !m_emulator.Start(m_dir.path(), m_out[1])) {
+    tidewatch_test::ChildOptions options;
+    options.dir = m_dir.path();
+    if (m_dir.path().empty() ||
+        !tidewatch_test::StartChild(
+            BinPath("tidewatch_hal_emulator"),
+            {"--aidl", "--first-session-id=" + std::to_string(kFirstSessionId)}, options,
+            &m_emulator, &m_out)) {
       fprintf(stderr, "cannot start %s\n", BinPath("tidewatch_hal_emulator").c_str());
       return false;
     }
-    close(m_out[1]);
-    m_out[1] = -1;
     if (!WaitReady(std::chrono::seconds(20))) {
       fprintf(stderr, "the emulator did not get ready\n");
       return false;
@@ -95,10 +97,10 @@ class Service {
       auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
           deadline - std::chrono::steady_clock::now());
       if (left.count() <= 0) return false;
-      pollfd p = {m_out[0], POLLIN, 0};
+      pollfd p = {m_out, POLLIN, 0};
       if (poll(&p, 1, static_cast<int>(left.count())) <= 0) continue;
       char buf[256];
-      ssize_t n = read(m_out[0], buf, sizeof(buf));
+      ssize_t n = read(m_out, buf, sizeof(buf));
       if (n <= 0) return false;  // it exited
       seen.append(buf, static_cast<size_t>(n));
     }
@@ -106,16 +108,26 @@ class Service {
   }
 
   ScratchDir m_dir;
-  ChildProcess m_emulator;
+  pid_t m_emulator = -1;
   // Kept open so that the emulator never writes into a closed pipe.
-  int m_out[2] = {-1, -1};
+  int m_out = -1;
   uint64_t m_sessionId = 0;
 };
 
-// Runs one child to its end; its wall time in seconds, or a negative value when it failed.
-double TimedRun(ChildProcess& process, const std::string& dir) {
+// Runs `command` in `dir` to its end, its output dropped; its wall time in seconds, or a negative
+// value when it failed.
+double TimedRun(const std::vector<std::string>& command, const std::string& dir) {
+  tidewatch_test::ChildOptions options;
+  options.dir = dir;
+  options.dropStdout = true;
+  const std::vector<std::string> args(command.begin() + 1, command.end());
   const auto start = std::chrono::steady_clock::now();
-  if (process.Run(dir) != 0) return -1;
+  pid_t pid;
+  int out;
+  if (!tidewatch_test::StartChild(command[0], args, options, &pid, &out) ||
+      tidewatch_test::WaitChild(pid, 30000) != 0) {
+    return -1;
+  }
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
@@ -138,10 +150,10 @@ void BM_ListSessionVsTrivial(benchmark::State& state) {
     state.SkipWithError("no service emulator");
     return;
   }
-  ChildProcess trivial({"/bin/true"});
+  const std::vector<std::string> trivial = {"/bin/true"};
   // The scratch directory holds no session file, so the explicit doerId is all the tool has.
-  ChildProcess command({BinPath("tide_watch_ctrl"), "--list-session",
-                        "doerId=" + std::to_string(service->sessionId())});
+  const std::vector<std::string> command = {BinPath("tide_watch_ctrl"), "--list-session",
+                                            "doerId=" + std::to_string(service->sessionId())};
   std::vector<double> trivialSeconds;
   std::vector<double> commandSeconds;
   for (auto _ : state) {

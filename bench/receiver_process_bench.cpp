@@ -10,6 +10,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -26,9 +27,9 @@
 #include <vector>
 
 #include "bench/bench_main.h"
-#include "bench/child_process.h"
 #include "bench/trap_sender.h"
 #include "libtidewatch/api/monitor_types.h"
+#include "tests/support/child_process.h"
 
 namespace {
 
@@ -36,7 +37,6 @@ using tidewatch_bench::Bytes;
 using Clock = std::chrono::steady_clock;
 using libtidewatch::ConnectAbstract;
 using libtidewatch::MakeAbstractAddress;
-using tidewatch_bench::ChildProcess;
 using tidewatch_bench::TrapStream;
 using tidewatch_bench::WriteAll;
 
@@ -125,13 +125,12 @@ class Receiver {
  public:
   // `command` serves abstract `socketName`; it prints a line starting with kCreatedPrefix once
   // traps sent to it are handled.
-  Receiver(std::vector<std::string> command, const std::string& socketName)
-      : m_process(std::move(command)) {
-    int fds[2];
-    if (pipe2(fds, O_CLOEXEC) != 0) return;
-    const bool started = m_process.Start("", fds[1]);
-    close(fds[1]);
-    m_output.reset(new OutputFollower(fds[0]));
+  Receiver(std::vector<std::string> command, const std::string& socketName) {
+    int out = -1;
+    const std::vector<std::string> args(command.begin() + 1, command.end());
+    const bool started =
+        tidewatch_test::StartChild(command[0], args, tidewatch_test::ChildOptions(), &m_pid, &out);
+    m_output.reset(new OutputFollower(out));
     m_fd = started ? ConnectWithRetry(socketName, std::chrono::seconds(10)) : -1;
     // Traps sent before the handler is installed (right after the creation line) would be
     // dropped, so the line is awaited and a moment given on top.
@@ -142,7 +141,8 @@ class Receiver {
   }
   ~Receiver() {
     if (m_fd >= 0) close(m_fd);
-    m_process.Kill(SIGKILL);  // it never exits by itself
+    if (m_pid > 0) kill(m_pid, SIGKILL);  // it never exits by itself
+    if (m_pid > 0) tidewatch_test::WaitChild(m_pid, 10000);
   }
 
   bool ready() const { return m_ready; }
@@ -150,7 +150,7 @@ class Receiver {
   OutputFollower& output() { return *m_output; }
 
  private:
-  ChildProcess m_process;
+  pid_t m_pid = -1;
   std::unique_ptr<OutputFollower> m_output;
   int m_fd = -1;
   bool m_ready = false;

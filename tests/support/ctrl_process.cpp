@@ -101,24 +101,9 @@ int CtrlProcess::Wait() {
   if (m_pid <= 0) return -1000;
   // A child that closed its output but does not end is killed after a grace time: a hang in the
   // tool must fail the test, not stall it.
-  int status = 0;
-  pid_t got;
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while ((got = waitpid(m_pid, &status, WNOHANG)) == 0 ||
-         (got < 0 && errno == EINTR)) {
-    if (std::chrono::steady_clock::now() > deadline) {
-      kill(m_pid, SIGKILL);
-      do {
-        got = waitpid(m_pid, &status, 0);
-      } while (got < 0 && errno == EINTR);
-      break;
-    }
-    usleep(2000);
-  }
+  const int status = WaitChild(m_pid, 10000);
   m_pid = -1;
-  if (got < 0) return -1000;
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  return WIFSIGNALED(status) ? -WTERMSIG(status) : -1000;
+  return status;
 }
 
 int CtrlProcess::Stop() {

@@ -73,23 +73,9 @@ bool EmulatorProcess::Start(const std::vector<std::string>& args, int timeoutMs)
 }
 
 int EmulatorProcess::Reap(int graceMs) {
-  int64_t deadline = NowMs() + graceMs;
-  int status = 0;
-  for (;;) {
-    pid_t r = waitpid(m_pid, &status, WNOHANG);
-    if (r == m_pid) break;
-    if (r < 0 && errno != EINTR) {
-      m_pid = -1;
-      return -1;
-    }
-    if (NowMs() > deadline) {
-      kill(m_pid, SIGKILL);
-      deadline = INT64_MAX;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  const int status = WaitChild(m_pid, graceMs);
   m_pid = -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+  return status;
 }
 
 int EmulatorProcess::Stop() {
