@@ -101,11 +101,10 @@ void BM_CaptureProcess(benchmark::State& state) {
     options.dropStdout = true;
     pid_t capture = -1;
     int fd = -1;
-    if (tidewatch_test::StartChild(
-            std::string(TIDEWATCH_BIN_DIR) + "/tide_watch_capture",
-            {"--em", "2000", "--format", "json", "--receiver-name", name, "-c",
-             std::to_string(traps)},
-            options, &capture, &fd) &&
+    if (tidewatch_test::StartChild(std::string(TIDEWATCH_BIN_DIR) + "/tide_watch_capture",
+                                   {"--em", "2000", "--format", "json", "--receiver-name", name,
+                                    "-c", std::to_string(traps)},
+                                   options, &capture, &fd) &&
         WaitEnabled(sessionId)) {
       fd = libtidewatch::ConnectAbstract(std::to_string(sessionId) + name);
     }
@@ -123,9 +122,9 @@ void BM_CaptureProcess(benchmark::State& state) {
     // killed and shows as -9.
     const int status = tidewatch_test::WaitChild(capture, kLimitMs);
     if (!written || status != 0) {
-      state.SkipWithError(("the capture did not take every trap (exit status " +
-                           std::to_string(status) + ")")
-                              .c_str());
+      state.SkipWithError(
+          ("the capture did not take every trap (exit status " + std::to_string(status) + ")")
+              .c_str());
       break;
     }
     state.SetIterationTime(std::chrono::duration<double>(end - start).count());
@@ -135,7 +134,11 @@ void BM_CaptureProcess(benchmark::State& state) {
   state.SetItemsProcessed(static_cast<int64_t>(sent));
   state.SetBytesProcessed(static_cast<int64_t>(sent / perBatch * stream.size()));
 }
-BENCHMARK(BM_CaptureProcess)->Arg(64)->Iterations(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_CaptureProcess)
+    ->Arg(64)
+    ->Iterations(3)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 class RateReporter : public benchmark::ConsoleReporter {
  public:

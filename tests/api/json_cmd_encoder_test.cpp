@@ -46,7 +46,7 @@ class JsonCmdEncoderTest : public ::testing::Test {
               R"(","version":1,"ret":0,"data":)" + data + "}");
   }
 
-  tidewatch_test::LogCapture log_{kLogError, tidewatch_test::LogCapture::Form::kText};
+  tidewatch_test::LogCapture log_{kLogError};
   FakeTransmitter fake;
   JsonCmdEncoder encoder{&fake};
 };
@@ -97,8 +97,8 @@ TEST_F(JsonCmdEncoderTest, ArgumentWithoutJsonFormSendsNothing) {
             MONITOR_RESULT_BAD_ARGUMENT);
   EXPECT_EQ(encoder.SetTrapReceiver(0, 1, nullptr), MONITOR_RESULT_BAD_ARGUMENT);
   EXPECT_TRUE(fake.requests.empty());
-  EXPECT_EQ(log_.Lines(), (std::vector<std::string>{"Undefined type [1]", "Undefined type [9]",
-                                                    "szServerName should not be NULL"}));
+  EXPECT_EQ(log_.Lines(), (std::vector<std::string>{"E Undefined type [1]", "E Undefined type [9]",
+                                                    "E szServerName should not be NULL"}));
 }
 
 TEST_F(JsonCmdEncoderTest, NothingSentOrNothingBack) {
@@ -107,11 +107,11 @@ TEST_F(JsonCmdEncoderTest, NothingSentOrNothingBack) {
   EXPECT_EQ(unbound.CreateSession(nullptr), uint64_t{MONITOR_RESULT_SEND_FAILED});
   fake.sendOk = false;
   EXPECT_EQ(encoder.EnableTrap(0, 1), MONITOR_RESULT_SEND_FAILED);
-  EXPECT_EQ(log_.Lines(), std::vector<std::string>(3, "Send command failed."));
+  EXPECT_EQ(log_.Lines(), std::vector<std::string>(3, "E Send command failed."));
   fake.sendOk = true;
   fake.hasReply = false;
   EXPECT_EQ(encoder.DisableTrap(0, 1), MONITOR_RESULT_SEND_FAILED);
-  EXPECT_EQ(log_.Lines().back(), "No reply received.");
+  EXPECT_EQ(log_.Lines().back(), "E No reply received.");
 }
 
 // Every command shares these checks; CloseSession stands for them.
@@ -163,7 +163,7 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
     if (c.log.empty()) {
       EXPECT_TRUE(log_.Lines().empty()) << c.json << ": " << log_.Lines().front();
     } else {
-      EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.log}) << c.json;
+      EXPECT_EQ(log_.Lines(), std::vector<std::string>{"E " + c.log}) << c.json;
     }
   }
   // Without its closing NUL a reply loses its last character to it, and does not parse.
@@ -247,7 +247,7 @@ TEST_F(JsonCmdEncoderTest, GetSessionFailureLeavesStatusUntouched) {
     MONITOR_SESSION_STATUS status;
     status.trapReceiverHost = "before";
     EXPECT_EQ(encoder.GetSession(0, 7, status), MONITOR_RESULT_BAD_REPLY) << c.data;
-    EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.log});
+    EXPECT_EQ(log_.Lines(), std::vector<std::string>{"E " + c.log});
     EXPECT_FALSE(status.trapEnabled);
     EXPECT_EQ(status.trapReceiverHost, "before");
     EXPECT_TRUE(status.subscribedTraps[0].empty());

@@ -27,7 +27,7 @@ TEST(MonitorTypesTest, NamesRoundTripAndMatchExactly) {
 
 class ApiInfoTest : public ::testing::Test {
  protected:
-  tidewatch_test::LogCapture log_{kLogError, tidewatch_test::LogCapture::Form::kText};
+  tidewatch_test::LogCapture log_{kLogError};
 };
 
 TEST_F(ApiInfoTest, KnownCodesNameTheirCommand) {
@@ -55,7 +55,7 @@ TEST_F(ApiInfoTest, CodesWithoutEntryAreEmptyAndLoggedOnce) {
     EXPECT_TRUE(info.method.empty());
     EXPECT_EQ(info.version, 0u);
     EXPECT_EQ(log_.Lines(kLogError),
-              std::vector<std::string>{"No entry in API mapping table for code: [" +
+              std::vector<std::string>{"E No entry in API mapping table for code: [" +
                                        std::to_string(code) + "]"});
   }
 }

@@ -24,7 +24,6 @@ struct LogStore {
   std::mutex mutex;
   std::condition_variable changed;
   std::vector<Entry> entries;
-  LogCapture::Form form = LogCapture::Form::kNumber;
   size_t maxText = std::string::npos;
   bool active = false;
 };
@@ -33,23 +32,14 @@ LogStore& Store() {
   return *store;
 }
 
-std::string Prefix(LogCapture::Form form, int priority) {
-  switch (form) {
-    case LogCapture::Form::kNumber:
-      return std::to_string(priority) + " ";
-    case LogCapture::Form::kLetter: {
-      bool known = priority >= libtidewatch::kLogVerbose && priority <= libtidewatch::kLogError;
-      return std::string(1, known ? "??VDIWE"[priority] : '?') + " ";
-    }
-    case LogCapture::Form::kText:
-      break;
-  }
-  return "";
+std::string Prefix(int priority) {
+  bool known = priority >= libtidewatch::kLogVerbose && priority <= libtidewatch::kLogError;
+  return std::string(1, known ? "??VDIWE"[priority] : '?') + " ";
 }
 
 }  // namespace
 
-LogCapture::LogCapture(int threshold, Form form, size_t maxText)
+LogCapture::LogCapture(int threshold, size_t maxText)
     : m_savedThreshold(libtidewatch::GetLogThreshold()) {
   {
     LogStore& store = Store();
@@ -57,7 +47,6 @@ LogCapture::LogCapture(int threshold, Form form, size_t maxText)
     if (store.active) ADD_FAILURE() << "a second LogCapture would share the first one's lines";
     store.active = true;
     store.entries.clear();
-    store.form = form;
     store.maxText = maxText;
   }
   libtidewatch::SetLogSink(&Sink);
@@ -74,7 +63,7 @@ LogCapture::~LogCapture() {
 void LogCapture::Sink(int priority, const char* /*tag*/, const char* text) {
   LogStore& store = Store();
   std::lock_guard<std::mutex> lock(store.mutex);
-  std::string line = Prefix(store.form, priority);
+  std::string line = Prefix(priority);
   line.append(text, std::min(strlen(text), store.maxText));
   store.entries.push_back({priority, std::move(line)});
   store.changed.notify_all();

@@ -13,16 +13,10 @@ namespace tidewatch_test {
 // threads log too), and outlives the capture for threads that are still finishing a message.
 class LogCapture {
  public:
-  // How Lines() spells one captured message.
-  enum class Form {
-    kNumber,  // "<priority> <text>", for example "3 MCPReceiver in"
-    kLetter,  // "<letter> <text>" with V, D, I, W or E, for example "E Bad type: [0]"
-    kText,    // the text alone
-  };
-
-  // Takes the sink and sets `threshold`. `maxText` keeps only the start of each text, for tests
-  // that log lines of many kilobytes they never compare whole.
-  explicit LogCapture(int threshold, Form form = Form::kNumber, size_t maxText = std::string::npos);
+  // Takes the sink and sets `threshold`. Each message is kept as "<letter> <text>" with V, D, I, W
+  // or E for its priority, for example "E Bad type: [0]". `maxText` keeps only the start of each
+  // text, for tests that log lines of many kilobytes they never compare whole.
+  explicit LogCapture(int threshold, size_t maxText = std::string::npos);
   // Gives the default output back and restores the threshold found at construction.
   ~LogCapture();
   LogCapture(const LogCapture&) = delete;

@@ -57,7 +57,7 @@ TEST(ClientCallbacksTest, ReceiverGetsTheExactBytesElseTheyAreRefused) {
     {
       tidewatch_test::LogCapture log(kLogDebug);
       EXPECT_TRUE(s.call({0xAE, 0x00, 0xFF}));
-      EXPECT_EQ(log.Lines().back(), "3 MCPReceiver out");
+      EXPECT_EQ(log.Lines().back(), "D MCPReceiver out");
     }
     const uint8_t pushed[] = {9, 8};
     EXPECT_TRUE(s.object->OnServiceData(pushed, sizeof(pushed)));

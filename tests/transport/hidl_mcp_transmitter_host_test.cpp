@@ -66,10 +66,10 @@ class HIDLMCPTransmitterTest : public ::testing::Test {
   static constexpr char kListRequest[] =
       R"({"api":"Tidewatch.Session","arg":{"doerId":0},"method":"list","version":1})"
       "\n";
-  static constexpr char kAidlConnected[] = "3 HIDLMCPTransmitter AIDL service connect: true";
-  static constexpr char kHidlConnected[] = "3 HIDLMCPTransmitter HIDL service connect: true";
-  static constexpr char kHidlFailed[] = "6 HIDLMCPTransmitter HIDL service connect: false";
-  static constexpr char kDied[] = "6 HIDLMCPTransmitter :: serviceDied";
+  static constexpr char kAidlConnected[] = "D HIDLMCPTransmitter AIDL service connect: true";
+  static constexpr char kHidlConnected[] = "D HIDLMCPTransmitter HIDL service connect: true";
+  static constexpr char kHidlFailed[] = "E HIDLMCPTransmitter HIDL service connect: false";
+  static constexpr char kDied[] = "E HIDLMCPTransmitter :: serviceDied";
 
   EmulatorProcess emulator;
 };
@@ -91,7 +91,7 @@ TEST_F(HIDLMCPTransmitterTest, PrefersAidlAndFallsBackToHidl) {
       EXPECT_EQ(ids, std::vector<uint64_t>{1});
       EXPECT_EQ(log.Count(kAidlConnected), c.aidl ? 1u : 0u);
       EXPECT_EQ(log.Count(kHidlConnected), c.aidl ? 0u : 1u);
-      EXPECT_EQ(log.Count("3 HIDLMCPTransmitter Send CMD MCP to client via AIDL connection"),
+      EXPECT_EQ(log.Count("D HIDLMCPTransmitter Send CMD MCP to client via AIDL connection"),
                 c.aidl ? 2u : 0u);
     }
     emulator.Stop();

@@ -62,7 +62,7 @@ class MCPHandlerTest : public ::testing::Test {
     ASSERT_TRUE(conn->ReadToBuffer());
   }
 
-  tidewatch_test::LogCapture log_{kLogError, tidewatch_test::LogCapture::Form::kText};
+  tidewatch_test::LogCapture log_{kLogError};
   std::unique_ptr<DataQueue> q{new DataQueue};  // too big for a test's stack frame
   std::unique_ptr<SocketConnection> conn;
   int peer = -1;
@@ -104,7 +104,7 @@ TEST_F(MCPHandlerTest, MalformedPacketsAreDroppedAsWritten) {
     in.data = c.data;
     EXPECT_TRUE(MCPHandler::WriteToBuffer(*q, in, nullptr)) << c.error;
     EXPECT_EQ(q->size, 0u) << c.error;
-    EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.error});
+    EXPECT_EQ(log_.Lines(), std::vector<std::string>{std::string("E ") + c.error});
   }
 
   MCPInfo in;  // 2^32 + 1 truncates to a valid 1
@@ -131,7 +131,7 @@ TEST_F(MCPHandlerTest, QueueOverflowFailsAtThePieceThatDoesNotFit) {
     q->Reset();
     q->size = DataQueue::kCapacity - c.room;
     EXPECT_FALSE(MCPHandler::WriteToBuffer(*q, in, nullptr)) << c.error;
-    EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.error});
+    EXPECT_EQ(log_.Lines(), std::vector<std::string>{std::string("E ") + c.error});
     EXPECT_EQ(q->SpaceSize(), c.roomLeft) << c.error;
   }
 }
@@ -247,7 +247,7 @@ TEST_F(MCPHandlerTest, OneShotReader) {
     log_.Clear();
     MCPInfo none;
     EXPECT_FALSE(MCPHandler::ProcessFromBuffer(c.bytes, c.len, none, nullptr)) << c.error;
-    EXPECT_EQ(log_.Lines(), std::vector<std::string>{c.error});
+    EXPECT_EQ(log_.Lines(), std::vector<std::string>{std::string("E ") + c.error});
   }
 }
 
@@ -258,14 +258,14 @@ TEST_F(MCPHandlerTest, StreamReaderCompletesAPendingHeaderWithoutSearchingAgain)
   PeerSend(Bytes(packet.begin(), packet.begin() + 12));
   MCPInfo io;
   EXPECT_FALSE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
-  EXPECT_TRUE(log_.Contains("Data size [2] < Payload length [5]. Wait for next time."));
+  EXPECT_TRUE(log_.Contains("D Data size [2] < Payload length [5]. Wait for next time."));
   EXPECT_EQ(io.length, 5u);
   EXPECT_EQ(io.data, nullptr);
 
   PeerSend(Bytes(packet.begin() + 12, packet.end()));
   log_.Clear();
   ASSERT_TRUE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
-  EXPECT_FALSE(log_.Contains("MCPHandler::SearchHeader"));
+  EXPECT_FALSE(log_.Contains("D MCPHandler::SearchHeader"));
   EXPECT_EQ(io.type, MCP_TYPE_TRAP);
   EXPECT_EQ(Text(io), "hello");
   EXPECT_EQ(conn->ReadQueue().size, 0u);
@@ -296,7 +296,7 @@ TEST_F(MCPHandlerTest, WritesToAConnectionUntilThePeerHasGone) {
   close(peer);
   peer = -1;
   EXPECT_FALSE(MCPHandler::WriteToConnection(*conn, in, nullptr));
-  EXPECT_TRUE(log_.Contains("MCPHandler::WriteToConnection (HEADER_MAGIC) failed!"));
+  EXPECT_TRUE(log_.Contains("E MCPHandler::WriteToConnection (HEADER_MAGIC) failed!"));
 }
 
 // SetData clamps even a borrowed length, and may re-set a packet from its own payload.

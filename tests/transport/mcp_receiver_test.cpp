@@ -223,7 +223,7 @@ TEST_F(McpReceiverTest, CallbackHandlesOnlyTheFirstWholePacket) {
     SCOPED_TRACE(c.what);
     LogCapture log(kLogError);
     EXPECT_EQ(Callback(c.buffer), c.ok);
-    EXPECT_EQ(log.Contains("6 Failed to parse MCP from buffer"), !c.ok);
+    EXPECT_EQ(log.Contains("E Failed to parse MCP from buffer"), !c.ok);
     EXPECT_EQ(handler.TakeSeen(),
               c.ok ? (std::vector<Seen>{{MCP_TYPE_TRAP, "1st"}}) : std::vector<Seen>{});
     // A failed buffer leaves no half packet behind for either road.

@@ -47,7 +47,7 @@ class SocketConnectionTest : public ::testing::Test {
     return got;
   }
 
-  tidewatch_test::LogCapture log_{kLogDebug, tidewatch_test::LogCapture::Form::kText};
+  tidewatch_test::LogCapture log_{kLogDebug};
   std::unique_ptr<SocketConnection> conn;
   int peer = -1;
 };
@@ -62,7 +62,7 @@ TEST_F(SocketConnectionTest, WritesAndReadsBytes) {
   ASSERT_TRUE(conn->ReadToBuffer());
   const DataQueue& q = conn->ReadQueue();
   EXPECT_EQ(Bytes(q.Front(), q.Front() + q.size), in);
-  EXPECT_TRUE(log_.Contains("BufferedConnection::ReadToBuffer done! read [3] bytes."));
+  EXPECT_TRUE(log_.Contains("D BufferedConnection::ReadToBuffer done! read [3] bytes."));
 }
 
 TEST_F(SocketConnectionTest, NothingToReadIsAnEmptySuccess) {
@@ -70,7 +70,7 @@ TEST_F(SocketConnectionTest, NothingToReadIsAnEmptySuccess) {
   EXPECT_EQ(conn->ReadQueue().size, 0u);
   EXPECT_TRUE(conn->valid);
   EXPECT_TRUE(
-      log_.Contains("No data to read from fd: [" + std::to_string(conn->fd) +
+      log_.Contains("D No data to read from fd: [" + std::to_string(conn->fd) +
                     "], retry [5] times when err = [Resource temporarily unavailable](11)"));
 }
 
@@ -78,7 +78,7 @@ TEST_F(SocketConnectionTest, PeerCloseInvalidatesOnReadAndWrite) {
   ClosePeer();
   EXPECT_FALSE(conn->ReadToBuffer());
   EXPECT_FALSE(conn->valid);
-  EXPECT_TRUE(log_.Contains("Socket is closed. fd: [" + std::to_string(conn->fd) + "]"));
+  EXPECT_TRUE(log_.Contains("D Socket is closed. fd: [" + std::to_string(conn->fd) + "]"));
 
   // A write to the gone peer fails instead of raising SIGPIPE.
   conn->valid = true;
@@ -93,7 +93,7 @@ TEST_F(SocketConnectionTest, FullQueueIsAReadFailure) {
   conn->ReadQueue().size = DataQueue::kCapacity;
   EXPECT_FALSE(conn->ReadToBuffer());
   EXPECT_TRUE(conn->valid);
-  EXPECT_TRUE(log_.Contains("Failed to read from connection"));
+  EXPECT_TRUE(log_.Contains("D Failed to read from connection"));
 }
 
 TEST_F(SocketConnectionTest, StopFlagEndsABlockedWriteAsSuccess) {
@@ -107,9 +107,9 @@ TEST_F(SocketConnectionTest, StopFlagEndsABlockedWriteAsSuccess) {
   EXPECT_TRUE(conn->Write(big.data(), big.size(), &stop));
   stopper.join();
   EXPECT_TRUE(conn->valid);
-  EXPECT_TRUE(log_.Contains("write to fd failed: [" + std::to_string(conn->fd) +
+  EXPECT_TRUE(log_.Contains("E write to fd failed: [" + std::to_string(conn->fd) +
                             "], err = [Resource temporarily unavailable]"));
-  EXPECT_FALSE(log_.Contains("SocketConnection::Send to fd: [" + std::to_string(conn->fd) +
+  EXPECT_FALSE(log_.Contains("D SocketConnection::Send to fd: [" + std::to_string(conn->fd) +
                              "] size=[16777216] successfully."));
 }
 

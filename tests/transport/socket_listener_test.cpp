@@ -94,7 +94,7 @@ TEST_F(SocketListenerTest, ServesAClientAndRemovesItAfterItCloses) {
     ASSERT_TRUE(log.WaitForText("Accept a client."));
     int accepted = -1;
     for (const std::string& line : log.Lines())
-      sscanf(line.c_str(), "3 Accept a client. fd = [%d]", &accepted);
+      sscanf(line.c_str(), "D Accept a client. fd = [%d]", &accepted);
     ASSERT_GE(accepted, 0);
 
     const std::string first("\xAE\xCD\0\xFF", 4);
@@ -130,7 +130,7 @@ TEST_F(SocketListenerTest, NameLongerThan107BytesIsCut) {
 TEST_F(SocketListenerTest, AddSocketRenamesKnownDescriptorsAndRefusesHugeOnes) {
   LogCapture log(kLogError);
   SocketListener listener(nullptr);
-  EXPECT_TRUE(log.Contains("6 SocketListener. szServerName is NULL"));
+  EXPECT_TRUE(log.Contains("E SocketListener. szServerName is NULL"));
   listener.SetHandler(&handler);
   int pair[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);

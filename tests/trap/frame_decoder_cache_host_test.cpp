@@ -27,7 +27,7 @@ class FrameDecoderCacheHostTest : public ::testing::Test {
     EXPECT_TRUE(dir_.Write(name, text)) << name;
   }
 
-  tidewatch_test::LogCapture log_{kLogVerbose, tidewatch_test::LogCapture::Form::kLetter};
+  tidewatch_test::LogCapture log_{kLogVerbose};
   tidewatch_test::ScratchDir dir_{"frame_decoder_cache_host_test"};
 };
 

@@ -29,7 +29,7 @@ class FrameDecoderCacheTest : public ::testing::Test {
                      globalIDs);
   }
 
-  tidewatch_test::LogCapture log_{kLogVerbose, tidewatch_test::LogCapture::Form::kLetter};
+  tidewatch_test::LogCapture log_{kLogVerbose};
   tidewatch_test::ScratchDir dir_{"frame_decoder_cache_test"};
 };
 

@@ -126,7 +126,7 @@ class FrameDecoderCollectorsTest : public ::testing::Test {
                           line.user);
   }
 
-  tidewatch_test::LogCapture log_{kLogVerbose, tidewatch_test::LogCapture::Form::kLetter};
+  tidewatch_test::LogCapture log_{kLogVerbose};
 };
 
 constexpr auto kOTA = &Decoder::OTAInfoCollector;

@@ -43,7 +43,7 @@ class FrameDecoderTest : public ::testing::Test {
   }
 
   // Keeps the start of each message: some tests log lines of tens of kilobytes.
-  tidewatch_test::LogCapture log_{kLogVerbose, tidewatch_test::LogCapture::Form::kLetter, 200};
+  tidewatch_test::LogCapture log_{kLogVerbose, 200};
   tidewatch_test::ScratchDir dir_{"frame_decoder_test"};
   FrameDecoder decoder_;
 };

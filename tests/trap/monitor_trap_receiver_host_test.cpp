@@ -28,11 +28,11 @@ class MonitorTrapReceiverHostTest : public tidewatch_test::MonitorTrapReceiverFi
 TEST_F(MonitorTrapReceiverHostTest, NullServerNameUsesTheSessionNumberAlone) {
   LogCapture log(kLogDebug);
   auto receiver = NewReceiver(7, nullptr);
-  if (log.Contains("6 Fail to setup domain socket.")) {
+  if (log.Contains("E Fail to setup domain socket.")) {
     GTEST_SKIP() << "the abstract socket name \"7\" is taken by another process";
   }
-  EXPECT_TRUE(log.Contains("3 MonitorTrapReceiver HIDL service connect: false"));
-  EXPECT_TRUE(log.Contains("3 MonitorTrapReceiver Constructor done! Server name is 7(null)"));
+  EXPECT_TRUE(log.Contains("D MonitorTrapReceiver HIDL service connect: false"));
+  EXPECT_TRUE(log.Contains("D MonitorTrapReceiver Constructor done! Server name is 7(null)"));
   ExpectTrapArrives("7", "seven", 1);
 }
 
@@ -46,11 +46,11 @@ TEST_F(MonitorTrapReceiverHostTest, TrapsArriveThroughTheServiceCallback) {
     const char* callbackLine;
     const char* refusedLine;
   } cases[] = {
-      {"--aidl", "3 MonitorTrapReceiver AIDL service connect: true",
-       "3 AIDLTidewatchClientCallback MCPReceiver in",
-       "3 AIDLTidewatchClientCallback MCPReceiver out"},
-      {"--hidl", "3 MonitorTrapReceiver HIDL service connect: true", "3 MCPReceiver in",
-       "3 MCPReceiver out wo CB"},
+      {"--aidl", "D MonitorTrapReceiver AIDL service connect: true",
+       "D AIDLTidewatchClientCallback MCPReceiver in",
+       "D AIDLTidewatchClientCallback MCPReceiver out"},
+      {"--hidl", "D MonitorTrapReceiver HIDL service connect: true", "D MCPReceiver in",
+       "D MCPReceiver out wo CB"},
   };
   // The command channel need not wait for an AIDL service that is not published.
   setenv("TIDEWATCH_HAL_WAIT_MS", "0", 1);

@@ -27,7 +27,7 @@ class TrapPackerTest : public ::testing::Test {
   }
   static Bytes Cat(std::initializer_list<Bytes> parts) { return tidewatch_test::Concat(parts); }
 
-  tidewatch_test::LogCapture log_{kLogDebug, tidewatch_test::LogCapture::Form::kText};
+  tidewatch_test::LogCapture log_{kLogDebug};
 };
 
 TEST_F(TrapPackerTest, RefusesEmptyOrOversizedDataSilently) {
@@ -54,13 +54,14 @@ TEST_F(TrapPackerTest, AcceptsOneRecordOfTheMaximumSize) {
 
 // How whole buffers parse: the trap kept (the last record wins), and the errors logged.
 TEST_F(TrapPackerTest, WalksRecords) {
-  const std::string kFailed = "Parse rawData failed.";
-  const std::vector<std::string> kBad = {"Discard Info should be the last part in raw data.",
+  const std::string kFailed = "E Parse rawData failed.";
+  const std::vector<std::string> kBad = {"E Discard Info should be the last part in raw data.",
                                          kFailed};
-  const std::vector<std::string> kType9 = {"Invalid discard info type: [9]", kFailed};
-  const std::vector<std::string> kType10 = {"Invalid discard info type: [10]", kFailed};
+  const std::vector<std::string> kType9 = {"E Invalid discard info type: [9]", kFailed};
+  const std::vector<std::string> kType10 = {"E Invalid discard info type: [10]", kFailed};
   auto unknown = [](int len) {
-    return std::vector<std::string>{"Unknown trap type: [12], len: [" + std::to_string(len) + "]"};
+    return std::vector<std::string>{"E Unknown trap type: [12], len: [" + std::to_string(len) +
+                                    "]"};
   };
   const TRAP_TYPE kNone = TRAP_TYPE_NONE, kOta = TRAP_TYPE_OTA, kEm = TRAP_TYPE_EM;
   const size_t kFull = TrapPacker::kMaxRawLength;
@@ -139,18 +140,18 @@ TEST_F(TrapPackerTest, DiscardCounts) {
   log_.Clear();
   EXPECT_EQ(packer.GetDiscardInfo(static_cast<TRAP_TYPE>(9)), 0u);
   ASSERT_EQ(log_.Lines().size(), 1u);
-  EXPECT_EQ(log_.Lines()[0], "No discard count.");
+  EXPECT_EQ(log_.Lines()[0], "D No discard count.");
 
   Bytes none = Discard({});
   log_.Clear();
   EXPECT_EQ(TrapPacker(none.data(), none.size()).GetDiscardInfo(TRAP_TYPE_OTA), 0u);
-  EXPECT_EQ(log_.Lines().back(), "No discard count.");
+  EXPECT_EQ(log_.Lines().back(), "D No discard count.");
 
   // A record that failed the parse is not trusted, even for the entries that are there.
   Bytes notLast = Cat({Discard({{2, 4}}), Trap(2, {1})});
   log_.Clear();
   EXPECT_EQ(TrapPacker(notLast.data(), notLast.size()).GetDiscardInfo(TRAP_TYPE_OTA), 0u);
-  EXPECT_EQ(log_.Lines(kLogError).back(), "TrapPacker was not initialized.");
+  EXPECT_EQ(log_.Lines(kLogError).back(), "E TrapPacker was not initialized.");
 }
 
 }  // namespace
