@@ -1,8 +1,11 @@
 #include "capture/capture_summary.h"
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "capture/text_escape.h"
 
@@ -11,13 +14,22 @@ namespace {
 
 std::string Printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 std::string Printf(const char* format, ...) {
-  char buf[256];
   va_list args;
   va_start(args, format);
-  vsnprintf(buf, sizeof(buf), format, args);
+  va_list again;
+  va_copy(again, args);
+  const int size = vsnprintf(nullptr, 0, format, args);
   va_end(args);
-  return buf;
+  std::string out(size > 0 ? static_cast<size_t>(size) : 0, '\0');
+  if (size > 0) vsnprintf(out.data(), out.size() + 1, format, again);
+  va_end(again);
+  return out;
 }
+
+// Message names may be long (and escaped text longer still): the name column is as wide as the
+// longest name, so that the counts stay in columns, up to a width where a table no longer helps.
+constexpr size_t kMinNameWidth = 20;
+constexpr size_t kMaxNameWidth = 64;
 
 }  // namespace
 
@@ -25,12 +37,20 @@ std::string FormatSummary(const CaptureStats& stats, const RunFacts& facts) {
   const double rate = facts.seconds > 0 ? static_cast<double>(stats.traps()) / facts.seconds : 0;
   std::string out = Printf("%" PRIu64 " traps, %" PRIu64 " bytes in %.3f s (%.1f traps/s)\n",
                            stats.traps(), stats.bytes(), facts.seconds, rate);
+  std::vector<std::string> names;
+  size_t nameWidth = kMinNameWidth;
+  for (const MessageCount& m : stats.Messages()) {
+    names.push_back(m.named ? EscapedText(m.name) : m.hasId ? "?" : "");
+    nameWidth = std::max(nameWidth, std::min(names.back().size(), kMaxNameWidth));
+  }
+  size_t row = 0;
   for (const MessageCount& m : stats.Messages()) {
     const char* type = libtidewatch::ToTrapStr(m.type);
     std::string id = m.hasId ? std::to_string(m.msgId) : "-";
-    std::string name = m.named ? EscapedText(m.name) : m.hasId ? "?" : "";
-    out += Printf("  %-10s %8s  %-44s %10" PRIu64 " traps %12" PRIu64 " bytes\n",
-                  type != nullptr ? type : "NONE", id.c_str(), name.c_str(), m.traps, m.bytes);
+    const std::string& name = names[row++];
+    out += Printf("  %-10s %8s  %-*s %10" PRIu64 " traps %12" PRIu64 " bytes\n",
+                  type != nullptr ? type : "NONE", id.c_str(), static_cast<int>(nameWidth),
+                  name.c_str(), m.traps, m.bytes);
   }
   out +=
       Printf("dropped by the service: %" PRIu64 " OTA, %" PRIu64 " EM",
