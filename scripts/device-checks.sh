@@ -172,7 +172,11 @@ EOF
       chmod +x "$dir/bin/$exe"
     fi
   done
-  (cd "$dir" && ctest --output-on-failure -j2 --timeout 300)
+  # The capture tool's end-to-end suites time live captures, pipes and restarts of the emulator;
+  # under user-mode emulation every program runs many times slower and those bounds mean nothing.
+  # The host stages run them; here its units run.
+  (cd "$dir" && ctest --output-on-failure -j2 --timeout 300 \
+    -E '^(Capture|CaptureFile|CaptureReplay|CaptureReport|Extcap)Test\.')
 }
 
 echo "== device checks"
