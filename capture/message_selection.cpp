@@ -24,17 +24,6 @@ const FrameDecoder::NameMap& NamesOf(const FrameDecoder& layout, TRAP_TYPE type)
   return type == libtidewatch::TRAP_TYPE_OTA ? layout.m_globalIDsByName : layout.m_msgIDsByName;
 }
 
-// A decimal or 0x-prefixed hexadecimal id that fits 64 bits.
-bool ParseId(const std::string& text, uint64_t* id) {
-  if (text.empty() || !isdigit(static_cast<unsigned char>(text[0]))) return false;
-  errno = 0;
-  char* end = nullptr;
-  const unsigned long long value = strtoull(text.c_str(), &end, 0);
-  if (errno != 0 || *end != '\0') return false;
-  *id = value;
-  return true;
-}
-
 bool IsPattern(const std::string& text) { return text.find_first_of("*?[") != std::string::npos; }
 
 }  // namespace
@@ -54,7 +43,7 @@ bool MessageSelection::Contains(TRAP_TYPE type, uint64_t msgId) const {
 bool MessageSelection::Add(TRAP_TYPE type, const std::string& selector, std::string* error) {
   const char* typeName = libtidewatch::ToTrapStr(type);
   uint64_t id = 0;
-  if (ParseId(selector, &id)) {
+  if (ParseMessageId(selector, &id)) {
     Select(type, id);
     return true;
   }
@@ -115,6 +104,16 @@ std::string MessageSelection::ListMessages(const FrameDecoder& layout) {
     out += '\n';
   }
   return out;
+}
+
+bool ParseMessageId(const std::string& text, uint64_t* id) {
+  if (text.empty() || !isdigit(static_cast<unsigned char>(text[0]))) return false;
+  errno = 0;
+  char* end = nullptr;
+  const unsigned long long value = strtoull(text.c_str(), &end, 0);
+  if (errno != 0 || *end != '\0') return false;
+  *id = value;
+  return true;
 }
 
 }  // namespace capture

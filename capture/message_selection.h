@@ -16,6 +16,9 @@ struct Subscription {
   uint64_t msgId;
 };
 
+// A selector that is a message id: decimal, or hexadecimal with 0x, fitting 64 bits.
+bool ParseMessageId(const std::string& text, uint64_t* id);
+
 class MessageSelection {
  public:
   // `layout` names the messages and must outlive the selection.

@@ -2,32 +2,14 @@
 
 #include <fnmatch.h>
 
-#include <cctype>
-#include <cerrno>
-#include <cstdlib>
-
 #include "capture/message_selection.h"
 
 namespace capture {
-namespace {
-
-// A decimal or 0x-prefixed hexadecimal id, as a live capture reads one.
-bool ParseId(const std::string& text, uint64_t* id) {
-  if (text.empty() || !isdigit(static_cast<unsigned char>(text[0]))) return false;
-  errno = 0;
-  char* end = nullptr;
-  const unsigned long long value = strtoull(text.c_str(), &end, 0);
-  if (errno != 0 || *end != '\0') return false;
-  *id = value;
-  return true;
-}
-
-}  // namespace
 
 bool ReadFilter::Add(libtidewatch::TRAP_TYPE type, const std::string& selector,
                      const libtidewatch::FrameDecoder* layout, std::string* error) {
   uint64_t id = 0;
-  if (ParseId(selector, &id)) {
+  if (ParseMessageId(selector, &id)) {
     m_rules.push_back({type, true, id, ""});
     return true;
   }
