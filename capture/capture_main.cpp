@@ -90,18 +90,11 @@ class Progress {
 };
 
 bool Resolve(const CaptureOptions& options, MessageSelection* selection) {
-  const struct {
-    libtidewatch::TRAP_TYPE type;
-    const std::vector<std::string>& selectors;
-  } groups[] = {{libtidewatch::TRAP_TYPE_OTA, options.ota},
-                {libtidewatch::TRAP_TYPE_EM, options.em}};
-  for (const auto& group : groups) {
-    for (const std::string& selector : group.selectors) {
-      std::string error;
-      if (!selection->Add(group.type, selector, &error)) {
-        Error(error);
-        return false;
-      }
+  for (const auto& [type, selector] : Selectors(options)) {
+    std::string error;
+    if (!selection->Add(type, selector, &error)) {
+      Error(error);
+      return false;
     }
   }
   return true;

@@ -133,4 +133,12 @@ int ParseCaptureOptions(int argc, char** argv, CaptureOptions* options) {
   return -1;
 }
 
+std::vector<std::pair<libtidewatch::TRAP_TYPE, std::string>> Selectors(
+    const CaptureOptions& options) {
+  std::vector<std::pair<libtidewatch::TRAP_TYPE, std::string>> selectors;
+  for (const std::string& s : options.ota) selectors.emplace_back(libtidewatch::TRAP_TYPE_OTA, s);
+  for (const std::string& s : options.em) selectors.emplace_back(libtidewatch::TRAP_TYPE_EM, s);
+  return selectors;
+}
+
 }  // namespace capture

@@ -4,7 +4,10 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "libtidewatch/api/monitor_types.h"
 
 namespace capture {
 
@@ -36,6 +39,10 @@ struct CaptureOptions {
   uint64_t ringFiles = 0;    // -W: keep at most this many ring files; 0: all
   std::string readPath;      // -r: print this capture file instead of capturing
 };
+
+// Every selector with the trap type it selects for: the --ota ones, then the --em ones, as given.
+std::vector<std::pair<libtidewatch::TRAP_TYPE, std::string>> Selectors(
+    const CaptureOptions& options);
 
 // Exit statuses of the tool.
 constexpr int kExitOk = 0;

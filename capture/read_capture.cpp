@@ -31,17 +31,10 @@ int ReadCapture(const CaptureOptions& options) {
     return kExitUsage;
   }
   ReadFilter filter;
-  const struct {
-    libtidewatch::TRAP_TYPE type;
-    const std::vector<std::string>& selectors;
-  } groups[] = {{libtidewatch::TRAP_TYPE_OTA, options.ota},
-                {libtidewatch::TRAP_TYPE_EM, options.em}};
-  for (const auto& group : groups) {
-    for (const std::string& selector : group.selectors) {
-      if (!filter.Add(group.type, selector, layout.decoder.get(), &error)) {
-        Error(error);
-        return kExitUsage;
-      }
+  for (const auto& [type, selector] : Selectors(options)) {
+    if (!filter.Add(type, selector, layout.decoder.get(), &error)) {
+      Error(error);
+      return kExitUsage;
     }
   }
 
