@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "libtidewatch/pcapng/pcapng_reader.h"
+#include "tests/support/capture_service_fixture.h"
 #include "tests/support/child_process.h"
 #include "tests/support/ctrl_process.h"
 #include "tests/support/emulator_process.h"
@@ -48,37 +49,18 @@ constexpr auto kEndAfterReaderGone = std::chrono::milliseconds(1500);
 
 constexpr char kDissector[] = TIDEWATCH_SOURCE_DIR "/tools/wireshark/tidewatch.lua";
 
-class CaptureFileTest : public ::testing::Test {
+class CaptureFileTest : public tidewatch_test::CaptureServiceFixture {
  protected:
-  void SetUp() override {
-    ASSERT_FALSE(dir_.path().empty());
-    ASSERT_TRUE(dir_.CopyIn(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat",
-                            "resources/twd_layout_desc.dat"));
-  }
-
-  // The emulator, and a root session (id 1) that sees every other session.
-  void StartService(const std::vector<std::string>& args) {
-    ASSERT_TRUE(emulator_.Start(args));
-    ASSERT_EQ(RunCtrl(dir_.path(), {"--create-session", "level=2"}).out, "1\n");
-  }
-  std::string Sessions() { return RunCtrl(dir_.path(), {"--list-session", "doerId=1"}).out; }
-
   // Runs the capture tool in the scratch folder to its end: its standard output and exit status.
   tidewatch_test::CtrlResult Capture(const std::vector<std::string>& args) {
     tidewatch_test::ChildOptions options;
     options.dir = dir_.path();
-    options.stderrPath = dir_.path() + "/capture.err";
+    options.stderrPath = CaptureErrPath();
     CtrlProcess capture(CtrlProcess::CaptureBinaryPath());
-    if (!capture.Start(options, Prefixed(args))) return {-1000, ""};
+    if (!capture.Start(options, WithReceiverName(args))) return {-1000, ""};
     std::string out = capture.ReadAll(20000);
     return {capture.ended() ? capture.Wait() : capture.Stop(), out};
   }
-  std::vector<std::string> Prefixed(const std::vector<std::string>& args) {
-    std::vector<std::string> all = {"--receiver-name", ".capfile" + std::to_string(getpid())};
-    all.insert(all.end(), args.begin(), args.end());
-    return all;
-  }
-  std::string Stderr() { return dir_.Read("capture.err"); }
 
   // Standard output of a shell command run in the scratch folder, cut off after 60 s.
   std::string Shell(const std::string& command) {
@@ -94,9 +76,6 @@ class CaptureFileTest : public ::testing::Test {
   static bool HaveTools() {
     return system("command -v tshark >/dev/null 2>&1 && command -v capinfos >/dev/null 2>&1") == 0;
   }
-
-  tidewatch_test::ScratchDir dir_{"capture_file_test"};
-  tidewatch_test::EmulatorProcess emulator_;
 };
 
 // What follows `key` in `text` up to the first of `stops`; empty when `key` is not there.
@@ -200,7 +179,7 @@ TEST_F(CaptureFileTest, EveryRingFileIsAWholeCaptureOnItsOwn) {
       status = Capture(args).status;
     } else {
       CtrlProcess capture(CtrlProcess::CaptureBinaryPath());
-      ASSERT_TRUE(capture.Start(dir_.path(), Prefixed(args)));
+      ASSERT_TRUE(capture.Start(dir_.path(), WithReceiverName(args)));
       // Long enough for several files at about 100 KB/s.
       std::this_thread::sleep_for(std::chrono::milliseconds(700));
       kill(capture.pid(), c.signal);
@@ -270,7 +249,7 @@ TEST_F(CaptureFileTest, AStalledReaderCostsDropsNotMemory) {
   // 80 MB/s of traps into a pipe nobody reads for a while.
   StartService({"--trap-rate=10000", "--trap-size=8000"});
   CtrlProcess capture(CtrlProcess::CaptureBinaryPath(), dir_.path() + "/capture.err");
-  ASSERT_TRUE(capture.Start(dir_.path(), Prefixed({"--em", "EM_*", "-w", "-"})));
+  ASSERT_TRUE(capture.Start(dir_.path(), WithReceiverName({"--em", "EM_*", "-w", "-"})));
   long peak = 0;
   for (int i = 0; i < 15; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -303,12 +282,12 @@ TEST_F(CaptureFileTest, AReaderThatGoesAwayEndsTheCaptureAndItsSession) {
     StartService({rate});
     tidewatch_test::ChildOptions options;
     options.dir = dir_.path();
-    options.stderrPath = dir_.path() + "/capture.err";
+    options.stderrPath = CaptureErrPath();
     pid_t pid;
     int fd;
     ASSERT_TRUE(tidewatch_test::StartChild(
-        CtrlProcess::CaptureBinaryPath(), Prefixed({"--em", "EM_LTE_SERVING_CELL_INFO", "-w", "-"}),
-        options, &pid, &fd));
+        CtrlProcess::CaptureBinaryPath(),
+        WithReceiverName({"--em", "EM_LTE_SERVING_CELL_INFO", "-w", "-"}), options, &pid, &fd));
     pollfd p = {fd, POLLIN, 0};
     char buf[256];
     ASSERT_EQ(poll(&p, 1, 5000), 1);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "libtidewatch/pcapng/pcapng_reader.h"
+#include "tests/support/capture_service_fixture.h"
 #include "tests/support/ctrl_process.h"
 #include "tests/support/emulator_process.h"
 #include "tests/support/scratch_dir.h"
@@ -15,18 +16,12 @@ namespace {
 
 using tidewatch_test::CtrlProcess;
 
-class CaptureReplayTest : public ::testing::Test {
+class CaptureReplayTest : public tidewatch_test::CaptureServiceFixture {
  protected:
-  void SetUp() override {
-    ASSERT_FALSE(m_dir.path().empty());
-    ASSERT_TRUE(m_dir.CopyIn(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat",
-                             "resources/twd_layout_desc.dat"));
-  }
-
   // Captures `count` traps of the running emulator into `file`; the tool's exit status.
   int Capture(const std::string& file, int count) {
-    CtrlProcess capture(CtrlProcess::CaptureBinaryPath(), m_dir.path() + "/capture.err");
-    if (!capture.Start(m_dir.path(),
+    CtrlProcess capture(CtrlProcess::CaptureBinaryPath(), CaptureErrPath());
+    if (!capture.Start(dir_.path(),
                        {"--ota", "LTE_RRC_*,NR_NAS_*", "--em", "EM_LTE_*", "-c",
                         std::to_string(count), "--duration", "20", "-q", "-w", file})) {
       return -1;
@@ -40,7 +35,7 @@ class CaptureReplayTest : public ::testing::Test {
     std::vector<std::string> records;
     libtidewatch::PcapngReader reader;
     std::string error;
-    EXPECT_TRUE(reader.Open(m_dir.path() + "/" + file, &error)) << error;
+    EXPECT_TRUE(reader.Open(dir_.path() + "/" + file, &error)) << error;
     libtidewatch::CapturedTrap trap;
     while (reader.Next(&trap) == libtidewatch::PcapngReader::kTrap) {
       records.emplace_back(reinterpret_cast<const char*>(trap.record.data), trap.record.size);
@@ -48,8 +43,6 @@ class CaptureReplayTest : public ::testing::Test {
     EXPECT_EQ("", reader.error());
     return records;
   }
-
-  tidewatch_test::ScratchDir m_dir{"capture_replay"};
 };
 
 TEST_F(CaptureReplayTest, CaptureReplayCaptureGivesTheSameRecordsInOrder) {
@@ -57,14 +50,14 @@ TEST_F(CaptureReplayTest, CaptureReplayCaptureGivesTheSameRecordsInOrder) {
   {
     tidewatch_test::EmulatorProcess emulator;
     ASSERT_TRUE(emulator.Start({"--trap-rate=400", "--trap-size=40"}));
-    ASSERT_EQ(0, Capture("first.pcapng", kTraps)) << m_dir.Read("capture.err");
+    ASSERT_EQ(0, Capture("first.pcapng", kTraps)) << dir_.Read("capture.err");
   }
   const std::vector<std::string> first = Records("first.pcapng");
   ASSERT_EQ(static_cast<size_t>(kTraps), first.size());
 
   tidewatch_test::EmulatorProcess replay;
-  ASSERT_TRUE(replay.Start({"--trap-replay=" + m_dir.path() + "/first.pcapng", "--trap-rate=400"}));
-  ASSERT_EQ(0, Capture("second.pcapng", kTraps)) << m_dir.Read("capture.err");
+  ASSERT_TRUE(replay.Start({"--trap-replay=" + dir_.path() + "/first.pcapng", "--trap-rate=400"}));
+  ASSERT_EQ(0, Capture("second.pcapng", kTraps)) << dir_.Read("capture.err");
   EXPECT_EQ(first, Records("second.pcapng"));
 }
 

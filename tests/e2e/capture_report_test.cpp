@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/capture_service_fixture.h"
 #include "tests/support/ctrl_process.h"
 #include "tests/support/emulator_process.h"
 #include "tests/support/report_charts.h"
@@ -18,25 +19,24 @@ namespace {
 
 using tidewatch_test::CtrlProcess;
 
-class CaptureReportTest : public ::testing::Test {
+class CaptureReportTest : public tidewatch_test::CaptureServiceFixture {
  protected:
   void SetUp() override {
-    ASSERT_FALSE(dir_.path().empty());
+    CaptureServiceFixture::SetUp();
+    if (HasFatalFailure()) return;
     ASSERT_TRUE(emulator_.Start({"--trap-rate=200"}));
   }
 
   // Runs the capture to its end; its exit status.
   int Capture(const std::vector<std::string>& args) {
-    std::vector<std::string> all = {"--receiver-name", ".report" + std::to_string(getpid()), "-q"};
+    std::vector<std::string> all = WithReceiverName({"-q"});
     all.insert(all.end(), args.begin(), args.end());
     if (!capture_.Start(dir_.path(), all)) return -1;
     capture_.ReadAll();
     return capture_.Wait();
   }
 
-  tidewatch_test::ScratchDir dir_{"capture_report_test"};
-  tidewatch_test::EmulatorProcess emulator_;
-  CtrlProcess capture_{CtrlProcess::CaptureBinaryPath(), dir_.path() + "/capture.err"};
+  CtrlProcess capture_{CtrlProcess::CaptureBinaryPath(), CaptureErrPath()};
 };
 
 TEST_F(CaptureReportTest, LiveRunWritesItsReportAtTheEnd) {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "libtidewatch/platform/abstract_socket.h"
+#include "tests/support/capture_service_fixture.h"
 #include "tests/support/ctrl_process.h"
 #include "tests/support/emulator_process.h"
 #include "tests/support/mcp_test_peer.h"
@@ -27,25 +28,10 @@ using tidewatch_test::RunCtrl;
 
 constexpr int kWaitMs = 5000;
 
-class CaptureTest : public ::testing::Test {
+class CaptureTest : public tidewatch_test::CaptureServiceFixture {
  protected:
-  void SetUp() override {
-    ASSERT_FALSE(dir_.path().empty());
-    // tide_watch_ctrl names subscriptions from the layout in its working directory.
-    ASSERT_TRUE(dir_.CopyIn(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat",
-                            "resources/twd_layout_desc.dat"));
-  }
-
-  // The emulator, and a root session (id 1) that can see every other session.
-  void StartService(const std::vector<std::string>& args) {
-    ASSERT_TRUE(emulator_.Start(args));
-    ASSERT_EQ(RunCtrl(dir_.path(), {"--create-session", "level=2"}).out, "1\n");
-  }
-
   void StartCapture(const std::vector<std::string>& args) {
-    std::vector<std::string> all = {"--receiver-name", receiver_};
-    all.insert(all.end(), args.begin(), args.end());
-    ASSERT_TRUE(capture_.Start(dir_.path(), all));
+    ASSERT_TRUE(capture_.Start(dir_.path(), WithReceiverName(args)));
   }
 
   // The session report of `sessionId`, as the root session sees it.
@@ -57,12 +43,8 @@ class CaptureTest : public ::testing::Test {
 
   // Waits until the capture's session `sessionId` has traps enabled, which it does last.
   bool WaitEnabled(int sessionId) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kWaitMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-      if (Report(sessionId).find("Trap Enabled: [true]") != std::string::npos) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
+    return WaitFor(
+        [&] { return Report(sessionId).find("Trap Enabled: [true]") != std::string::npos; });
   }
 
   // Polls `done` until it holds or the deadline passes.
@@ -79,20 +61,14 @@ class CaptureTest : public ::testing::Test {
     return WaitFor([&] { return Stderr().find(text) != std::string::npos; });
   }
 
-  // The sessions the service holds, as the root session lists them.
-  std::string Sessions() { return RunCtrl(dir_.path(), {"--list-session", "doerId=1"}).out; }
-
   // Ends the capture's output and its process; its exit status.
   int Finish() {
     out_ += capture_.ReadAll();
     return capture_.Wait();
   }
-  std::string Stderr() { return dir_.Read("capture.err"); }
 
-  tidewatch_test::ScratchDir dir_{"capture_test"};
-  tidewatch_test::EmulatorProcess emulator_;
-  const std::string receiver_ = ".cap" + std::to_string(getpid());
-  CtrlProcess capture_{CtrlProcess::CaptureBinaryPath(), dir_.path() + "/capture.err"};
+  const std::string receiver_ = ReceiverName();
+  CtrlProcess capture_{CtrlProcess::CaptureBinaryPath(), CaptureErrPath()};
   std::string out_;
 };
 
