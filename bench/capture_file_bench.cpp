@@ -33,7 +33,6 @@
 namespace {
 
 using tidewatch_bench::Bytes;
-using tidewatch_bench::PutLE32;
 
 constexpr size_t kBatchBytes = 4 << 20;  // sent per benchmark iteration
 constexpr size_t kReadBufferSize = 256 << 10;
@@ -80,21 +79,7 @@ Bytes ServingCellStream(size_t trapSize, uint64_t* traps) {
   };
   put(layout.m_msgID, 2000);
   put(layout.m_msgSIMIdx, 1);
-  Bytes packet;
-  PutLE32(packet, libtidewatch::HEADER_MAGIC);
-  packet.push_back(0xAC);
-  packet.push_back(0xCA);
-  PutLE32(packet, static_cast<uint32_t>(5 + trapSize));
-  packet.push_back(libtidewatch::TRAP_TYPE_EM);
-  PutLE32(packet, static_cast<uint32_t>(trapSize));
-  packet.insert(packet.end(), payload.begin(), payload.end());
-  Bytes stream;
-  *traps = 0;
-  while (stream.size() + packet.size() <= kBatchBytes) {
-    stream.insert(stream.end(), packet.begin(), packet.end());
-    ++*traps;
-  }
-  return stream;
+  return tidewatch_bench::EmTrapStream(payload, kBatchBytes, traps);
 }
 
 // Waits until `done` holds, looking rarely enough to leave the pipeline its cores. A batch takes

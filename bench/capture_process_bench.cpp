@@ -140,26 +140,9 @@ BENCHMARK(BM_CaptureProcess)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
-class RateReporter : public benchmark::ConsoleReporter {
+class CaptureRateReporter : public tidewatch_bench::RateReporter {
  public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      auto items = run.counters.find("items_per_second");
-      if (run.run_type == Run::RT_Iteration && !run.error_occurred && items != run.counters.end()) {
-        m_rates[run.benchmark_name()] = items->second.value;
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void PrintRates() const {
-    for (const auto& rate : m_rates) {
-      printf("%s: %.0f traps/s through the capture tool writing JSON\n", rate.first.c_str(),
-             rate.second);
-    }
-  }
-
- private:
-  std::map<std::string, double> m_rates;
+  CaptureRateReporter() : RateReporter("through the capture tool writing JSON") {}
 };
 
 }  // namespace
@@ -168,5 +151,6 @@ int main(int argc, char** argv) {
   // A private service for the run; the capture's summary goes to the log like any output.
   setenv("TIDEWATCH_HAL_SOCKET_PREFIX",
          (".tw_bench.capture." + std::to_string(getpid()) + ".").c_str(), 1);
-  return tidewatch_bench::RunBenchmarks<RateReporter>(argc, argv, &RateReporter::PrintRates);
+  return tidewatch_bench::RunBenchmarks<CaptureRateReporter>(argc, argv,
+                                                             &CaptureRateReporter::PrintRates);
 }

@@ -301,33 +301,18 @@ int RunLeastReceiver(const char* name) {
   }
 }
 
-// Prints the trap rate at the end, as the other throughput benchmarks do.
-class RateReporter : public benchmark::ConsoleReporter {
+// Prints the trap rates at the end, and the tool's against the least possible receiver.
+class ReceiverRateReporter : public tidewatch_bench::RateReporter {
  public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs) {
-      auto items = run.counters.find("items_per_second");
-      if (run.run_type == Run::RT_Iteration && !run.error_occurred && items != run.counters.end()) {
-        m_rates[run.benchmark_name()] = items->second.value;
-      }
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  void PrintRates() const {
-    for (const auto& rate : m_rates) {
-      printf("%s: %.0f traps/s through the whole receiver process\n", rate.first.c_str(),
-             rate.second);
-    }
-    auto tool = m_rates.find("BM_ReceiverProcess/64/real_time");
-    auto least = m_rates.find("BM_LeastReceiverProcess/64/real_time");
-    if (tool != m_rates.end() && least != m_rates.end() && least->second > 0) {
-      printf("tool / least possible receiver: %.2f (goal: 0.30 or more)\n",
-             tool->second / least->second);
+  ReceiverRateReporter() : RateReporter("through the whole receiver process") {}
+  void PrintSummary() const {
+    PrintRates();
+    const double tool = Rate("BM_ReceiverProcess/64/real_time");
+    const double least = Rate("BM_LeastReceiverProcess/64/real_time");
+    if (tool > 0 && least > 0) {
+      printf("tool / least possible receiver: %.2f (goal: 0.30 or more)\n", tool / least);
     }
   }
-
- private:
-  std::map<std::string, double> m_rates;
 };
 
 }  // namespace
@@ -338,5 +323,6 @@ int main(int argc, char** argv) {
   // comes through its socket.
   setenv("TIDEWATCH_HAL_SOCKET_PREFIX",
          (".tw_bench.nohal." + std::to_string(getpid()) + ".").c_str(), 1);
-  return tidewatch_bench::RunBenchmarks<RateReporter>(argc, argv, &RateReporter::PrintRates);
+  return tidewatch_bench::RunBenchmarks<ReceiverRateReporter>(argc, argv,
+                                                              &ReceiverRateReporter::PrintSummary);
 }
