@@ -15,14 +15,6 @@
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
-
 using tidewatch_test::CtrlResult;
 
 class CtrlSessionTest : public ::testing::Test {
@@ -174,7 +166,7 @@ TEST_F(CtrlSessionTest, WithoutAReadableLayoutNamesAreNull) {
   options.dir = dir_.path();
   options.stderrPath = dir_.path() + "/stderr";
   // Reading without end hits this at once. The sanitizers reserve far more address space up front.
-  if (!kSanitized) options.addressSpaceLimit = size_t{2} << 30;
+  if (!tidewatch_test::kSanitized) options.addressSpaceLimit = size_t{2} << 30;
   const struct {
     const char* name;
     const char* linkTo;   // the layout path is a symbolic link to this

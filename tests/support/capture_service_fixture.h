@@ -41,6 +41,15 @@ class CaptureServiceFixture : public ::testing::Test {
     return all;
   }
 
+  // Runs the capture tool in the scratch folder to its end (SIGTERM after `timeoutMs`): its
+  // standard output and exit status.
+  CtrlResult Capture(const std::vector<std::string>& args, int timeoutMs = 20000) {
+    ChildOptions options;
+    options.dir = dir_.path();
+    options.stderrPath = CaptureErrPath();
+    return RunCtrl(options, WithReceiverName(args), timeoutMs, CtrlProcess::CaptureBinaryPath());
+  }
+
   // What the capture wrote on standard error, for captures started with CaptureErrPath().
   std::string Stderr() { return dir_.Read("capture.err"); }
   std::string CaptureErrPath() const { return dir_.path() + "/capture.err"; }

@@ -11,6 +11,16 @@
 
 namespace tidewatch_test {
 
+// Whether this build runs under AddressSanitizer or ThreadSanitizer, which take far more memory
+// and time than the code they watch.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kSanitized = true;
+#elif defined(__has_feature)
+constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
+#else
+constexpr bool kSanitized = false;
+#endif
+
 struct ChildOptions {
   std::string dir;               // the child's working directory; empty: this process's
   bool dropStdout = false;       // standard output to /dev/null instead of a pipe

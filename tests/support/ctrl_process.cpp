@@ -19,9 +19,9 @@ CtrlResult RunCtrl(const std::string& dir, const std::vector<std::string>& args)
   return RunCtrl(options, args);
 }
 
-CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& args,
-                   int timeoutMs) {
-  CtrlProcess process;
+CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& args, int timeoutMs,
+                   const std::string& binary) {
+  CtrlProcess process(binary);
   if (!process.Start(options, args)) return {-1000, ""};
   std::string out = process.ReadAll(timeoutMs);
   return {process.ended() ? process.Wait() : process.Stop(), out};
@@ -29,7 +29,12 @@ CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& 
 
 CtrlProcess::~CtrlProcess() {
   if (m_pid > 0) Stop();
+  CloseOutput();
+}
+
+void CtrlProcess::CloseOutput() {
   if (m_fd >= 0) close(m_fd);
+  m_fd = -1;
 }
 
 std::string CtrlProcess::BinaryPath() { return TIDEWATCH_BIN_DIR "/tide_watch_ctrl"; }
@@ -46,6 +51,7 @@ bool CtrlProcess::Start(const std::string& dir, const std::vector<std::string>& 
 
 bool CtrlProcess::Start(const ChildOptions& options, const std::vector<std::string>& args) {
   // A receiver never ends by itself: StartChild ties it to this thread.
+  CloseOutput();
   if (!StartChild(m_binary, args, options, &m_pid, &m_fd)) return false;
   m_pending.clear();
   return true;
@@ -65,8 +71,7 @@ bool CtrlProcess::Fill(int timeoutMs) {
     got = read(m_fd, buf, sizeof(buf));
   } while (got < 0 && errno == EINTR);
   if (got <= 0) {
-    close(m_fd);
-    m_fd = -1;
+    CloseOutput();
     return false;
   }
   m_pending.append(buf, static_cast<size_t>(got));

@@ -19,13 +19,6 @@ struct CtrlResult {
   std::string out;  // everything written on standard output
 };
 
-// Runs `tide_watch_ctrl args...` in `dir` to its end. Standard error is dropped.
-CtrlResult RunCtrl(const std::string& dir, const std::vector<std::string>& args);
-// The same as the child `options` set it up. A run still going after `timeoutMs` is ended with
-// SIGTERM, so that a hang fails the test instead of stalling it.
-CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& args,
-                   int timeoutMs = 30000);
-
 class CtrlProcess {
  public:
   // Runs `binary` (the tool unless given), with standard error dropped, or written to
@@ -51,6 +44,8 @@ class CtrlProcess {
   std::string ReadAll(int timeoutMs = 30000);
   // Whether the output has ended.
   bool ended() const { return m_fd < 0; }
+  // Closes this end of the output, as a reader that goes away does.
+  void CloseOutput();
   // Reaps the process after its output ended: its exit status, or -signal (SIGKILL when it has
   // not ended 10 s later).
   int Wait();
@@ -70,5 +65,12 @@ class CtrlProcess {
   int m_fd = -1;
   std::string m_pending;
 };
+
+// Runs `tide_watch_ctrl args...` in `dir` to its end. Standard error is dropped.
+CtrlResult RunCtrl(const std::string& dir, const std::vector<std::string>& args);
+// The same (or `binary` in its place) as the child `options` set it up. A run still going after
+// `timeoutMs` is ended with SIGTERM, so that a hang fails the test instead of stalling it.
+CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& args,
+                   int timeoutMs = 30000, const std::string& binary = CtrlProcess::BinaryPath());
 
 }  // namespace tidewatch_test
