@@ -9,21 +9,16 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/ctrl_process.h"
-#include "tests/support/emulator_process.h"
-#include "tests/support/scratch_dir.h"
+#include "tests/support/capture_service_fixture.h"
 
 namespace {
 
 using tidewatch_test::CtrlResult;
 
-class CtrlSessionTest : public ::testing::Test {
+class CtrlSessionTest : public tidewatch_test::CaptureServiceFixture {
  protected:
   void SetUp() override {
-    ASSERT_FALSE(dir_.path().empty());
-    // The report names messages from the layout file found relative to the working directory.
-    ASSERT_TRUE(dir_.CopyIn(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat",
-                            "resources/twd_layout_desc.dat"));
+    CaptureServiceFixture::SetUp();
     ASSERT_TRUE(emulator_.Start());
   }
 
@@ -36,9 +31,6 @@ class CtrlSessionTest : public ::testing::Test {
     EXPECT_EQ(r.out, out);
     EXPECT_EQ(r.status, status);
   }
-
-  tidewatch_test::ScratchDir dir_{"ctrl_session_test"};
-  tidewatch_test::EmulatorProcess emulator_;
 };
 
 TEST_F(CtrlSessionTest, CreateAtEveryLevel) {
@@ -57,78 +49,60 @@ TEST_F(CtrlSessionTest, CreateAtEveryLevel) {
   Expect({"--set-debug-level", "doerId=3"}, "");
 }
 
+// The reply line of a command on session `session` done by `doer`, with the service's `resp`.
+std::string Reply(int resp, int session, const std::string& rest = "", int doer = 0) {
+  return "resp = [" + std::to_string(resp) + "], doerId = [" + std::to_string(doer) +
+         "], sessionId = [" + std::to_string(session) + "]" + rest + "\n";
+}
+
 TEST_F(CtrlSessionTest, FullSession) {
   Expect({"--create-session", "level=2"}, "1\n");
-  Expect({"--subscribe-trap", "type=OTA", "msgId=1003"},
-         "resp = [0], doerId = [0], sessionId = [1], type = [2], msgId = [1003]\n");
-  Expect({"--subscribe-trap", "type=OTA", "msgId=999"},
-         "resp = [0], doerId = [0], sessionId = [1], type = [2], msgId = [999]\n");
-  Expect({"--subscribe-trap", "type=EM", "msgId=2010"},
-         "resp = [0], doerId = [0], sessionId = [1], type = [3], msgId = [2010]\n");
-  Expect({"--subscribe-trap", "type=EM", "msgId=2000"},
-         "resp = [0], doerId = [0], sessionId = [1], type = [3], msgId = [2000]\n");
-  Expect({"--subscribe-trap", "type=VoLTE", "msgId=5"},
-         "resp = [0], doerId = [0], sessionId = [1], type = [4], msgId = [5]\n");
-  Expect({"--subscribe-trap", "type=PSTIME", "msgId=1"},
-         "resp = [0], doerId = [0], sessionId = [1], type = [5], msgId = [1]\n");
-  Expect({"--subscribe-trap", "type=IP", "msgId=6"},
-         "resp = [0], doerId = [0], sessionId = [1], type = [6], msgId = [6]\n");
-  Expect({"--enable-trap"}, "resp = [0], doerId = [0], sessionId = [1]\n");
-  Expect({"--set-trap-receiver", "servername=e2e"},
-         "resp = [0], doerId = [0], sessionId = [1], servername = [e2e]\n");
+  const struct {
+    const char* type;
+    int number;
+    const char* msgId;
+  } subscriptions[] = {{"OTA", 2, "1003"}, {"OTA", 2, "999"},  {"EM", 3, "2010"}, {"EM", 3, "2000"},
+                       {"VoLTE", 4, "5"},  {"PSTIME", 5, "1"}, {"IP", 6, "6"}};
+  for (const auto& s : subscriptions) {
+    Expect({"--subscribe-trap", std::string("type=") + s.type, std::string("msgId=") + s.msgId},
+           Reply(0, 1, ", type = [" + std::to_string(s.number) + "], msgId = [" + s.msgId + "]"));
+  }
+  Expect({"--enable-trap"}, Reply(0, 1));
+  Expect({"--set-trap-receiver", "servername=e2e"}, Reply(0, 1, ", servername = [e2e]"));
 
   // Names come from the layout file, in subscription order; unknown ids and every VoLTE id show
   // the C library's null marker, and IP subscriptions are not listed.
-  Expect({"--get-session"},
-         "  Session ID: [1]\n"
-         "Trap Enabled: [true]\n"
-         "Subscribed OTA Messages:\n"
-         "\tLTE_RRC_PAGING (1003)\n"
-         "\t(null) (999)\n"
-         "Subscribed EM Messages:\n"
-         "\tEM_NR_SERVING_CELL_INFO (2010)\n"
-         "\tEM_LTE_SERVING_CELL_INFO (2000)\n"
-         "Subscribed VoLTE Messages:\n"
-         "\t(null) (5)\n"
-         "Subscribed PSTIME.\n"
-         "Trap Destination: [1e2e]\n");
+  const auto report = [](const char* enabled, const char* em) {
+    return std::string("  Session ID: [1]\nTrap Enabled: [") + enabled +
+           "]\nSubscribed OTA Messages:\n\tLTE_RRC_PAGING (1003)\n\t(null) (999)\n"
+           "Subscribed EM Messages:\n" +
+           em +
+           "\tEM_LTE_SERVING_CELL_INFO (2000)\nSubscribed VoLTE Messages:\n\t(null) (5)\n"
+           "Subscribed PSTIME.\nTrap Destination: [1e2e]\n";
+  };
+  Expect({"--get-session"}, report("true", "\tEM_NR_SERVING_CELL_INFO (2010)\n"));
 
-  Expect({"--unsubscribe-trap", "type=EM", "msgId=2010"},
-         "resp = [0], doerId = [0], sessionId = [1], type = [3], msgId = [2010]\n");
-  Expect({"--unsubscribe-trap", "type=EM", "msgId=2010"},
-         "resp = [13], doerId = [0], sessionId = [1], type = [3], msgId = [2010]\n", 13);
-  Expect({"--disable-trap"}, "resp = [0], doerId = [0], sessionId = [1]\n");
+  const std::string em2010 = ", type = [3], msgId = [2010]";
+  Expect({"--unsubscribe-trap", "type=EM", "msgId=2010"}, Reply(0, 1, em2010));
+  Expect({"--unsubscribe-trap", "type=EM", "msgId=2010"}, Reply(13, 1, em2010), 13);
+  Expect({"--disable-trap"}, Reply(0, 1));
 
   // A second session, seen and closed by the first one as its doer.
   Expect({"--create-session"}, "2\n");
   Expect({"--subscribe-trap", "sessionId=2", "type=OTA", "msgId=1004"},
-         "resp = [0], doerId = [0], sessionId = [2], type = [2], msgId = [1004]\n");
+         Reply(0, 2, ", type = [2], msgId = [1004]"));
   Expect({"--get-session", "doerId=1", "sessionId=2"},
-         "  Session ID: [2]\n"
-         "Trap Enabled: [false]\n"
-         "Subscribed OTA Messages:\n"
+         "  Session ID: [2]\nTrap Enabled: [false]\nSubscribed OTA Messages:\n"
          "\tLTE_RRC_CONNECTION_REQUEST (1004)\n");
   Expect({"--list-session", "doerId=1"}, "1\n2\n");
-  Expect({"--close-session", "doerId=1", "sessionId=2"},
-         "resp = [0], doerId = [1], sessionId = [2]\n");
+  Expect({"--close-session", "doerId=1", "sessionId=2"}, Reply(0, 2, "", 1));
   Expect({"--list-session", "doerId=1"}, "1\n");
 
-  Expect({"--get-session", "sessionId=1"},
-         "  Session ID: [1]\n"
-         "Trap Enabled: [false]\n"
-         "Subscribed OTA Messages:\n"
-         "\tLTE_RRC_PAGING (1003)\n"
-         "\t(null) (999)\n"
-         "Subscribed EM Messages:\n"
-         "\tEM_LTE_SERVING_CELL_INFO (2000)\n"
-         "Subscribed VoLTE Messages:\n"
-         "\t(null) (5)\n"
-         "Subscribed PSTIME.\n"
-         "Trap Destination: [1e2e]\n");
-  Expect({"--close-session", "sessionId=1"}, "resp = [0], doerId = [0], sessionId = [1]\n");
+  Expect({"--get-session", "sessionId=1"}, report("false", ""));
+  Expect({"--close-session", "sessionId=1"}, Reply(0, 1));
   // The service's own codes pass through as the status.
-  Expect({"--close-session", "sessionId=1"}, "resp = [6], doerId = [0], sessionId = [1]\n", 6);
-  Expect({"--get-session", "sessionId=1"}, "resp = [6], doerId = [0], sessionId = [1]\n", 6);
+  Expect({"--close-session", "sessionId=1"}, Reply(6, 1), 6);
+  Expect({"--get-session", "sessionId=1"}, Reply(6, 1), 6);
 }
 
 TEST_F(CtrlSessionTest, ReadersNeverFindTheSessionFileEmpty) {
