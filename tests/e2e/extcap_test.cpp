@@ -119,15 +119,6 @@ class ExtcapTest : public ::testing::Test {
   tidewatch_test::EmulatorProcess emulator_;
 };
 
-TEST_F(ExtcapTest, TsharkListsTheLocalInterfaceAndEachPhone) {
-  const RunResult listed = Tshark("-D");
-  EXPECT_NE(listed.out.find(". tidewatch (Modem traps)\n"), std::string::npos) << listed.out;
-  EXPECT_NE(listed.out.find(". tidewatch-STANDIN1 (Modem traps on phone STANDIN1)\n"),
-            std::string::npos)
-      << listed.out;
-  EXPECT_EQ(listed.out.find("OFF2"), std::string::npos) << listed.out;
-}
-
 TEST_F(ExtcapTest, LiveCaptureHoldsTheTrapsByNameAndLeavesNoSession) {
   for (const std::string iface : {"tidewatch", "tidewatch-STANDIN1"}) {
     SCOPED_TRACE(iface);
@@ -150,25 +141,16 @@ TEST_F(ExtcapTest, LiveCaptureHoldsTheTrapsByNameAndLeavesNoSession) {
   }
 }
 
-TEST_F(ExtcapTest, CaptureEndsQuietlyWhenItsReaderGoes) {
-  // The fifo's reader takes a few blocks and goes: the capture (on a phone: the relay, adb and the
-  // phone's tool) stops, with nothing on standard error, and closes its session.
+TEST_F(ExtcapTest, ListsPhonesRefusesBadNamesAndEndsQuietlyWithItsReader) {
+  const RunResult listed = Tshark("-D");
+  EXPECT_NE(listed.out.find(". tidewatch (Modem traps)\n"), std::string::npos) << listed.out;
+  EXPECT_NE(listed.out.find(". tidewatch-STANDIN1 (Modem traps on phone STANDIN1)\n"),
+            std::string::npos)
+      << listed.out;
+  EXPECT_EQ(listed.out.find("OFF2"), std::string::npos) << listed.out;
   for (const std::string iface : {"tidewatch", "tidewatch-STANDIN1"}) {
     SCOPED_TRACE(iface);
-    const RunResult cut =
-        Run("TIDEWATCH_ADB=" + dir_.path() +
-            "/adb " TIDEWATCH_BIN_DIR "/tide_watch_capture --capture --extcap-interface " + iface +
-            " --fifo /dev/stdout --em 2000 --phone-tool " TIDEWATCH_BIN_DIR
-            "/tide_watch_capture --layout " +
-            dir_.path() + "/layout.dat | head -c 3000 | wc -c");
-    EXPECT_EQ(cut.out, "3000\n");
-    EXPECT_EQ(Sessions(), "1\n");
-  }
-}
-
-TEST_F(ExtcapTest, BadNameStopsTsharkWithTheToolsMessage) {
-  for (const std::string iface : {"tidewatch", "tidewatch-STANDIN1"}) {
-    SCOPED_TRACE(iface);
+    // A bad name stops tshark at once with the tool's message.
     const auto start = std::chrono::steady_clock::now();
     const RunResult bad = Tshark(Options(iface, "EM_LTE_SERVNG_CELL_INFO") + " -a duration:20");
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
@@ -177,6 +159,16 @@ TEST_F(ExtcapTest, BadNameStopsTsharkWithTheToolsMessage) {
                            "'EM_LTE_SERVNG_CELL_INFO'; did you mean EM_LTE_SERVING_CELL_INFO"),
               std::string::npos)
         << bad.out;
+    EXPECT_EQ(Sessions(), "1\n");
+    // The fifo's reader takes a few blocks and goes: the capture (on a phone: the relay, adb and
+    // the phone's tool) stops, with nothing on standard error, and closes its session.
+    const RunResult cut =
+        Run("TIDEWATCH_ADB=" + dir_.path() +
+            "/adb " TIDEWATCH_BIN_DIR "/tide_watch_capture --capture --extcap-interface " + iface +
+            " --fifo /dev/stdout --em 2000 --phone-tool " TIDEWATCH_BIN_DIR
+            "/tide_watch_capture --layout " +
+            dir_.path() + "/layout.dat | head -c 3000 | wc -c");
+    EXPECT_EQ(cut.out, "3000\n");
     EXPECT_EQ(Sessions(), "1\n");
   }
 }
