@@ -1,7 +1,7 @@
-// The capture tool's files against the emulated service and the real pcapng tools: a capture
-// written with -w and printed at once agrees with capinfos, with tshark and our dissector, with -r,
-// with its report page, and with a second capture of an emulator replaying it; ring files stand
-// alone; a stalled or vanished reader costs drops, never memory or the session.
+// The capture tool's files against the emulated service and capinfos: a capture written with -w
+// and printed at once agrees with -r, with its report page, and with a second capture of an
+// emulator replaying it; ring files stand alone; a stalled or vanished reader costs drops, never
+// memory or the session.
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <signal.h>
@@ -32,8 +32,6 @@ constexpr long kResidentLimitKiB = (tidewatch_test::kSanitized ? 1024 : 64) * 10
 constexpr auto kEndAfterReaderGone =
     std::chrono::milliseconds(tidewatch_test::kSanitized ? 3000 : 1500);
 
-constexpr char kDissector[] = TIDEWATCH_SOURCE_DIR "/tools/wireshark/tidewatch.lua";
-
 // The lines of `text`, without their line feeds.
 std::vector<std::string> Lines(const std::string& text) {
   std::vector<std::string> lines;
@@ -49,28 +47,6 @@ std::string After(const std::string& text, const std::string& key, const char* s
   if (at == std::string::npos) return "";
   const size_t from = at + key.size();
   return text.substr(from, text.find_first_of(stops, from) - from);
-}
-
-// What the dissector should show for one JSON line: seq|type|msg|sim|EM fields|MIB frame number.
-std::string ExpectedFields(const std::string& json) {
-  std::string line = After(json, "\"seq\":", ",") + "|" +
-                     (After(json, "\"type\":\"", "\"") == "OTA" ? "2" : "3") + "|" +
-                     After(json, "\"msg\":\"", "\"") + "|" + After(json, "\"sim\":", ",}") + "|";
-  // EM fields in the order of the line: "A":1,"B":2 becomes A=1,B=2.
-  for (char c : After(json, "\"fields\":{", "}")) {
-    if (c != '"') line += c == ':' ? '=' : c;
-  }
-  line += "|";
-  const std::string pdu = After(json, "\"pdu\":\"", "\"");
-  if (json.find("MASTER_INFORMATION_BLOCK") != std::string::npos && pdu.size() >= 4) {
-    // systemFrameNumber: the 8 bits after the first 6 of the MIB, shown by tshark in hex.
-    const unsigned b0 = std::stoul(pdu.substr(0, 2), nullptr, 16);
-    const unsigned b1 = std::stoul(pdu.substr(2, 2), nullptr, 16);
-    char sfn[16];
-    snprintf(sfn, sizeof sfn, "%02x", ((b0 & 3) << 6) | (b1 >> 2));
-    line += sfn;
-  }
-  return line + "\n";
 }
 
 // Whether `t` is RFC 3339 UTC with microseconds: digits everywhere but at the shape's marks.
@@ -97,9 +73,7 @@ class CaptureFileTest : public tidewatch_test::CaptureServiceFixture {
     pclose(pipe);
     return out;
   }
-  static bool HaveTools() {
-    return system("command -v tshark >/dev/null 2>&1 && command -v capinfos >/dev/null 2>&1") == 0;
-  }
+  static bool HaveTools() { return system("command -v capinfos >/dev/null 2>&1") == 0; }
 
   // The trap records of a capture file in order, and in `*written` what its statistics block
   // counts (0 when it has none); damage fails the test.
@@ -178,20 +152,13 @@ TEST_F(CaptureFileTest, OneRunReadsTheSameInEveryReader) {
     // --em filters by the names the file carries.
     EXPECT_EQ(Capture({"-r", file, "--format", "json", "--em", "EM_LTE_SERV*"}).out, serving);
 
-    if (!HaveTools()) continue;
-    EXPECT_NE(Shell("capinfos -c " + file).find("Number of packets:   12\n"), std::string::npos);
-    std::string expected;
-    for (const std::string& line : Lines(live.out)) expected += ExpectedFields(line);
-    EXPECT_EQ(Shell(std::string("tshark -X lua_script:") + kDissector + " -r " + file +
-                    " -T fields -E separator='|' -e frame.packet_id -e tidewatch.type"
-                    " -e tidewatch.msg_name -e tidewatch.sim -e tidewatch.em"
-                    " -e lte-rrc.systemFrameNumber 2>/dev/null"),
-              expected);
-    EXPECT_NE(expected.find("LTE_RRC_MASTER_INFORMATION_BLOCK"), std::string::npos);
+    if (HaveTools()) {
+      EXPECT_NE(Shell("capinfos -c " + file).find("Number of packets:   12\n"), std::string::npos);
+    }
 
     // A file cut inside its last packet: every trap before it, then where the damage is.
-    const std::string cut = "cut.pcapng";
-    Shell("head -c $(( $(stat -c %s " + file + ") - 120 )) " + file + " > " + cut);
+    const std::string cut = "cut.pcapng", bytes = dir_.Read(file);
+    ASSERT_TRUE(dir_.Write(cut, bytes.substr(0, bytes.size() - 120)));
     const auto damaged = Capture({"-r", cut, "--format", "json"});
     EXPECT_EQ(damaged.status, 1);
     EXPECT_EQ(damaged.out, live.out.substr(0, live.out.rfind('\n', live.out.size() - 2) + 1));
