@@ -65,72 +65,48 @@ class CaptureTest : public tidewatch_test::CaptureServiceFixture {
   std::string out_;
 };
 
-TEST_F(CaptureTest, SelectionSubscribesExactlyItsIds) {
-  StartService({});
+TEST_F(CaptureTest, SelectionSubscribesExactlyItsIdsAndEveryStopClosesTheSession) {
+  StartService({"--trap-rate=100"});
   const struct {
     std::vector<std::string> args;
-    std::string subscribed;
+    int signal;              // sent once traps are enabled; 0: none
+    long lines;              // trap lines expected; -1: any number
+    std::string subscribed;  // what the session's report lists, checked before the signal
   } cases[] = {
       {{"--em", "EM_LTE_SERVING_CELL_INFO"},
+       SIGINT,
+       -1,
        "Subscribed EM Messages:\n\tEM_LTE_SERVING_CELL_INFO (2000)\n"},
       {{"--ota", "LTE_RRC_CONNECTION_RE*", "--ota", "1003,LTE_RRC_PAGING"},
+       SIGINT,
+       -1,
        "Subscribed OTA Messages:\n\tLTE_RRC_CONNECTION_REQUEST (1004)\n"
        "\tLTE_RRC_CONNECTION_REJECT (1007)\n\tLTE_RRC_CONNECTION_RECONFIGURATION (1012)\n"
        "\tLTE_RRC_CONNECTION_RECONFIGURATION_COMPLETE (1013)\n"
        "\tLTE_RRC_CONNECTION_RELEASE (1015)\n"
        "\tLTE_RRC_CONNECTION_REESTABLISHMENT_REQUEST (1016)\n\tLTE_RRC_PAGING (1003)\n"},
       {{"--em", "0x7d1", "--ota", "NR_NAS_*"},
+       SIGTERM,
+       -1,
        "Subscribed OTA Messages:\n\tNR_NAS_REGISTRATION_REQUEST (1035)\n"
        "\tNR_NAS_REGISTRATION_ACCEPT (1036)\n\tNR_NAS_PDU_SESSION_ESTABLISHMENT_REQUEST (1037)\n"
        "\tNR_NAS_PDU_SESSION_ESTABLISHMENT_ACCEPT (1038)\n\tNR_NAS_DEREGISTRATION_REQUEST (1039)\n"
        "Subscribed EM Messages:\n\tEM_LTE_NEIGHBOUR_CELL_INFO (2001)\n"},
+      {{"--em", "2000", "-c", "3"}, 0, 3, ""},
+      {{"--em", "2000", "--duration", "0.5"}, 0, -1, ""},
   };
   int sessionId = 2;
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.args[1]);
-    StartCapture(c.args);
-    ASSERT_TRUE(WaitEnabled(sessionId));
-    const std::string report = Report(sessionId);
-    const size_t from = report.find("Subscribed");
-    const size_t to = report.find("Trap Destination");
-    ASSERT_NE(from, std::string::npos) << report;
-    EXPECT_EQ(report.substr(from, to - from), c.subscribed);
-    EXPECT_NE(report.find(std::to_string(sessionId) + receiver_), std::string::npos) << report;
-    kill(capture_.pid(), SIGINT);
-    EXPECT_EQ(Finish(), 0);
-    ++sessionId;
-  }
-  EXPECT_EQ(Sessions(), "1\n");
-
-  // A name that matches nothing names the closest ones and subscribes nothing.
-  EXPECT_EQ(Capture({"--em", "EM_LTE_SERVNG_CELL_INFO"}).status, 2);
-  EXPECT_EQ(Stderr(),
-            "tide_watch_capture: unknown EM message name 'EM_LTE_SERVNG_CELL_INFO'; did you mean "
-            "EM_LTE_SERVING_CELL_INFO or EM_NR_SERVING_CELL_INFO?\n");
-  EXPECT_EQ(Sessions(), "1\n");
-}
-
-TEST_F(CaptureTest, EveryStopClosesTheSession) {
-  StartService({"--trap-rate=100"});
-  const struct {
-    std::vector<std::string> args;
-    int signal;  // sent once the capture runs; 0: none
-    long lines;  // trap lines expected; -1: any number
-  } cases[] = {
-      {{"-c", "3"}, 0, 3},
-      {{"--duration", "0.5"}, 0, -1},
-      {{}, SIGINT, -1},
-      {{}, SIGTERM, -1},
-  };
-  int sessionId = 2;
-  for (const auto& c : cases) {
-    std::vector<std::string> args = {"--em", "2000"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
-    SCOPED_TRACE(args.size() > 2 ? args[2] : "signal " + std::to_string(c.signal));
+    SCOPED_TRACE(c.args[1] + " " + c.args.back());
     out_.clear();
-    StartCapture(args);
+    StartCapture(c.args);
     if (c.signal != 0) {
       ASSERT_TRUE(WaitEnabled(sessionId));
+      const std::string report = Report(sessionId);
+      const size_t from = report.find("Subscribed");
+      ASSERT_NE(from, std::string::npos) << report;
+      EXPECT_EQ(report.substr(from, report.find("Trap Destination") - from), c.subscribed);
+      EXPECT_NE(report.find(std::to_string(sessionId) + receiver_), std::string::npos) << report;
       kill(capture_.pid(), c.signal);
     }
     EXPECT_EQ(Finish(), 0);
@@ -143,6 +119,13 @@ TEST_F(CaptureTest, EveryStopClosesTheSession) {
     }
     ++sessionId;
   }
+
+  // A name that matches nothing names the closest ones and subscribes nothing.
+  EXPECT_EQ(Capture({"--em", "EM_LTE_SERVNG_CELL_INFO"}).status, 2);
+  EXPECT_EQ(Stderr(),
+            "tide_watch_capture: unknown EM message name 'EM_LTE_SERVNG_CELL_INFO'; did you mean "
+            "EM_LTE_SERVING_CELL_INFO or EM_NR_SERVING_CELL_INFO?\n");
+  EXPECT_EQ(Sessions(), "1\n");
 }
 
 TEST_F(CaptureTest, StalledReaderReportsDroppedTraps) {

@@ -22,20 +22,17 @@ struct Case {
 };
 
 std::vector<Case> Cases() {
-  std::vector<Case> cases;
-  std::vector<int64_t> rising, falling, shuffled;
+  std::vector<int64_t> rising;
   for (int64_t i = 0; i < 1000; ++i) rising.push_back(1'700'000'000'000'000 + i * 3'700);
-  falling.assign(rising.rbegin(), rising.rend());
-  shuffled = rising;
+  std::vector<int64_t> shuffled = rising;
   std::shuffle(shuffled.begin(), shuffled.end(), std::mt19937(7));
-  cases.push_back({"rising", rising});
-  cases.push_back({"falling", falling});
-  cases.push_back({"shuffled", shuffled});
-  cases.push_back({"one time", {42}});
-  cases.push_back({"same time", {5, 5, 5, 5}});
-  // Times a damaged capture may hold: far apart, negative, at the ends of the type.
-  cases.push_back({"extremes", {1'700'000'000'000'000, 0, INT64_MAX, -5, INT64_MIN, 12}});
-  return cases;
+  // Then times a damaged capture may hold: far apart, negative, at the ends of the type.
+  return {{"rising", rising},
+          {"falling", {rising.rbegin(), rising.rend()}},
+          {"shuffled", shuffled},
+          {"one_time", {42}},
+          {"same_time", {5, 5, 5, 5}},
+          {"extremes", {1'700'000'000'000'000, 0, INT64_MAX, -5, INT64_MIN, 12}}};
 }
 
 class TimeGridTest : public ::testing::TestWithParam<Case> {};
@@ -71,9 +68,7 @@ TEST_P(TimeGridTest, RemappedCountsMatchTheFinalGrid) {
 
 INSTANTIATE_TEST_SUITE_P(Times, TimeGridTest, ::testing::ValuesIn(Cases()),
                          [](const ::testing::TestParamInfo<Case>& info) {
-                           std::string name = info.param.name;
-                           std::replace(name.begin(), name.end(), ' ', '_');
-                           return name;
+                           return info.param.name;
                          });
 
 }  // namespace
