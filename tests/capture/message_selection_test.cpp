@@ -12,20 +12,16 @@ namespace {
 using libtidewatch::TRAP_TYPE_EM;
 using libtidewatch::TRAP_TYPE_OTA;
 
-class MessageSelectionTest : public ::testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    layout_ = new libtidewatch::FrameDecoder();
-    ASSERT_TRUE(layout_->LoadFromDESC(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat"));
-  }
-  static void TearDownTestSuite() { delete layout_; }
+// The sample layout, loaded once for all the cases.
+const libtidewatch::FrameDecoder& Layout() {
+  static libtidewatch::FrameDecoder layout;
+  static const bool loaded =
+      layout.LoadFromDESC(TIDEWATCH_SOURCE_DIR "/resources/twd_layout_desc.dat");
+  EXPECT_TRUE(loaded);
+  return layout;
+}
 
-  static libtidewatch::FrameDecoder* layout_;
-};
-
-libtidewatch::FrameDecoder* MessageSelectionTest::layout_ = nullptr;
-
-TEST_F(MessageSelectionTest, SelectorsBecomeIdsOnceEach) {
+TEST(MessageSelectionTest, SelectorsBecomeIdsOnceEach) {
   const struct {
     std::vector<std::pair<libtidewatch::TRAP_TYPE, std::string>> selectors;
     std::vector<std::pair<libtidewatch::TRAP_TYPE, uint64_t>> ids;
@@ -40,7 +36,7 @@ TEST_F(MessageSelectionTest, SelectorsBecomeIdsOnceEach) {
       {{{TRAP_TYPE_EM, "EM_?R_SERVING_CELL_INFO"}}, {{TRAP_TYPE_EM, 2010}}},
   };
   for (const auto& c : cases) {
-    MessageSelection selection(*layout_);
+    MessageSelection selection(Layout());
     std::string error;
     for (const auto& s : c.selectors)
       ASSERT_TRUE(selection.Add(s.first, s.second, &error)) << error;
@@ -50,7 +46,7 @@ TEST_F(MessageSelectionTest, SelectorsBecomeIdsOnceEach) {
   }
 }
 
-TEST_F(MessageSelectionTest, NamesThatSelectNothingSayWhatIsClose) {
+TEST(MessageSelectionTest, NamesThatSelectNothingSayWhatIsClose) {
   const struct {
     libtidewatch::TRAP_TYPE type;
     std::string selector;
@@ -66,7 +62,7 @@ TEST_F(MessageSelectionTest, NamesThatSelectNothingSayWhatIsClose) {
       {TRAP_TYPE_EM, "EM\x1b]0;x\x07", "unknown EM message name 'EM\\x1b]0;x\\x07'"},
   };
   for (const auto& c : cases) {
-    MessageSelection selection(*layout_);
+    MessageSelection selection(Layout());
     std::string error;
     EXPECT_FALSE(selection.Add(c.type, c.selector, &error));
     EXPECT_EQ(error, c.error);
@@ -74,14 +70,14 @@ TEST_F(MessageSelectionTest, NamesThatSelectNothingSayWhatIsClose) {
   }
 }
 
-TEST_F(MessageSelectionTest, ListsEveryMessage) {
-  const std::string list = MessageSelection::ListMessages(*layout_);
+TEST(MessageSelectionTest, ListsEveryMessage) {
+  const std::string list = MessageSelection::ListMessages(Layout());
   EXPECT_EQ(list.substr(0, list.find('\n', list.find('\n') + 1) + 1),
             "OTA     1000  LTE_RRC_MASTER_INFORMATION_BLOCK\n"
             "OTA     1001  LTE_RRC_SYSTEM_INFORMATION_BLOCK_1\n");
   EXPECT_NE(list.find("\nEM      2000  EM_LTE_SERVING_CELL_INFO\n"), std::string::npos);
   EXPECT_EQ(static_cast<size_t>(std::count(list.begin(), list.end(), '\n')),
-            layout_->m_globalIDs.size() + layout_->m_msgs.size());
+            Layout().m_globalIDs.size() + Layout().m_msgs.size());
 }
 
 }  // namespace

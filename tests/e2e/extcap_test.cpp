@@ -8,8 +8,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
+#include <sstream>
 #include <string>
 
 #include "tests/support/ctrl_process.h"
@@ -88,19 +88,13 @@ class ExtcapTest : public ::testing::Test {
                "/adb TIDEWATCH_HAL_SOCKET_PREFIX=" + emulator_.prefix() + " tshark " + args);
   }
 
-  // The options of interface `iface` as preferences: Wireshark names them after the interface in
-  // lower case, with _ for other characters.
+  // The options of interface `iface` (tidewatch or tidewatch-STANDIN1) as preferences, which
+  // Wireshark names after the interface in lower case, with _ for other characters.
   std::string Options(const std::string& iface, const std::string& em) {
-    std::string pref = iface;
-    std::transform(pref.begin(), pref.end(), pref.begin(), [](char c) {
-      return isalnum(static_cast<unsigned char>(c)) ? tolower(c) : '_';
-    });
-    pref = " -o extcap." + pref + ".";
-    std::string options =
-        " -i " + iface + pref + "em:" + em + pref + "layout:" + dir_.path() + "/layout.dat";
-    if (iface != "tidewatch")
-      options += pref + "phonetool:" + dir_.path() + "/extcap/tide_watch_capture";
-    return options;
+    const bool phone = iface != "tidewatch";
+    const std::string pref = phone ? " -o extcap.tidewatch_standin1." : " -o extcap.tidewatch.";
+    return " -i " + iface + pref + "em:" + em + pref + "layout:" + dir_.path() + "/layout.dat" +
+           (phone ? pref + "phonetool:" + dir_.path() + "/extcap/tide_watch_capture" : "");
   }
 
   // The sessions the service holds, as the root session lists them, once only the root session
@@ -129,12 +123,10 @@ TEST_F(ExtcapTest, LiveCaptureHoldsTheTrapsByNameAndLeavesNoSession) {
     EXPECT_EQ(live.out.find("rror"), std::string::npos) << live.out;
     // The installed dissector names every trap.
     const RunResult names = Tshark("-r " + file + " -T fields -e tidewatch.msg_name");
+    std::istringstream lines(names.out);
     long count = 0, named = 0;
-    for (size_t at = 0; at < names.out.size(); at = names.out.find('\n', at) + 1) {
-      ++count;
-      named += names.out.compare(at, 7, "EM_LTE_") == 0;
-      if (names.out.find('\n', at) == std::string::npos) break;
-    }
+    for (std::string line; std::getline(lines, line); ++count)
+      named += line.rfind("EM_LTE_", 0) == 0;
     EXPECT_GE(count, 50) << live.out;
     EXPECT_EQ(named, count) << names.out.substr(0, 400);
     EXPECT_EQ(Sessions(), "1\n");

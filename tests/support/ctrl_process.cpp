@@ -3,12 +3,9 @@
 #include <errno.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
-
-#include "tests/support/child_process.h"
 
 namespace tidewatch_test {
 
@@ -19,8 +16,8 @@ CtrlResult RunCtrl(const std::string& dir, const std::vector<std::string>& args)
   return RunCtrl(options, args);
 }
 
-CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& args, int timeoutMs,
-                   const std::string& binary) {
+CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& args,
+                   int timeoutMs, const std::string& binary) {
   CtrlProcess process(binary);
   if (!process.Start(options, args)) return {-1000, ""};
   std::string out = process.ReadAll(timeoutMs);
@@ -28,7 +25,7 @@ CtrlResult RunCtrl(const ChildOptions& options, const std::vector<std::string>& 
 }
 
 CtrlProcess::~CtrlProcess() {
-  if (m_pid > 0) Stop();
+  Stop();
   CloseOutput();
 }
 
@@ -52,24 +49,21 @@ bool CtrlProcess::Start(const std::string& dir, const std::vector<std::string>& 
 bool CtrlProcess::Start(const ChildOptions& options, const std::vector<std::string>& args) {
   // A receiver never ends by itself: StartChild ties it to this thread.
   CloseOutput();
-  if (!StartChild(m_binary, args, options, &m_pid, &m_fd)) return false;
   m_pending.clear();
-  return true;
+  return StartChild(m_binary, args, options, &m_pid, &m_fd);
 }
 
 bool CtrlProcess::Fill(int timeoutMs) {
   if (m_fd < 0) return false;
   pollfd p{m_fd, POLLIN, 0};
   int n;
-  do {
-    n = poll(&p, 1, timeoutMs);
-  } while (n < 0 && errno == EINTR);
+  while ((n = poll(&p, 1, timeoutMs)) < 0 && errno == EINTR) {
+  }
   if (n <= 0) return false;
   char buf[4096];
   ssize_t got;
-  do {
-    got = read(m_fd, buf, sizeof(buf));
-  } while (got < 0 && errno == EINTR);
+  while ((got = read(m_fd, buf, sizeof(buf))) < 0 && errno == EINTR) {
+  }
   if (got <= 0) {
     CloseOutput();
     return false;
@@ -80,11 +74,10 @@ bool CtrlProcess::Fill(int timeoutMs) {
 
 std::string CtrlProcess::ReadLine(int timeoutMs) {
   // Each wait gets the whole allowance: this guards against a hang, it measures nothing.
-  size_t end;
-  while ((end = m_pending.find('\n')) == std::string::npos) {
-    if (!Fill(timeoutMs)) break;
+  while (m_pending.find('\n') == std::string::npos && Fill(timeoutMs)) {
   }
-  size_t take = end == std::string::npos ? m_pending.size() : end + 1;
+  const size_t end = m_pending.find('\n');
+  const size_t take = end == std::string::npos ? m_pending.size() : end + 1;
   std::string line = m_pending.substr(0, take);
   m_pending.erase(0, take);
   return line;
@@ -93,7 +86,7 @@ std::string CtrlProcess::ReadLine(int timeoutMs) {
 std::string CtrlProcess::ReadAll(int timeoutMs) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
   for (;;) {
-    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
     if (left.count() <= 0 || !Fill(static_cast<int>(left.count()))) break;
   }
@@ -112,8 +105,7 @@ int CtrlProcess::Wait() {
 }
 
 int CtrlProcess::Stop() {
-  if (m_pid <= 0) return -1000;
-  kill(m_pid, SIGTERM);
+  if (m_pid > 0) kill(m_pid, SIGTERM);
   return Wait();
 }
 
