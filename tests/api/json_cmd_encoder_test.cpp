@@ -52,7 +52,6 @@ class JsonCmdEncoderTest : public ::testing::Test {
 };
 
 TEST_F(JsonCmdEncoderTest, RequestBytes) {
-  MONITOR_SESSION_STATUS status;
   std::vector<uint64_t> ids;
   const struct {
     std::function<void(JsonCmdEncoder&)> call;
@@ -70,13 +69,9 @@ TEST_F(JsonCmdEncoderTest, RequestBytes) {
       {[](JsonCmdEncoder& e) { e.UnsubscribeTrap(0, UINT64_MAX, TRAP_TYPE_ICD_EVENT, 0, true); },
        R"({"api":"Tidewatch.Trap","arg":{"async":1,"msgId":0,"sessionId":18446744073709551615,)"
        R"("type":"ICD_EVENT"},"method":"unsubscribe","version":1})"},
-      {[](JsonCmdEncoder& e) { e.EnableTrap(3, 4); },
-       R"({"api":"Tidewatch.Trap","arg":{"doerId":3,"sessionId":4},"method":"enable","version":1})"},
       {[](JsonCmdEncoder& e) { e.SetTrapReceiver(0, 12, "srv"); },
        R"({"api":"Tidewatch.Trap.Receiver","arg":{"server_name":"12srv","sessionId":12},)"
        R"("method":"set","version":1})"},
-      {[&](JsonCmdEncoder& e) { e.GetSession(1, 2, status); },
-       R"({"api":"Tidewatch.Session","arg":{"doerId":1,"sessionId":2},"method":"get","version":1})"},
       {[&](JsonCmdEncoder& e) { e.ListSession(0, ids); },
        R"({"api":"Tidewatch.Session","arg":{"doerId":0},"method":"list","version":1})"},
       {[](JsonCmdEncoder& e) { e.SetDebugLevel(0, MONITOR_DEBUG_LEVEL_DISABLE); },
@@ -90,28 +85,25 @@ TEST_F(JsonCmdEncoderTest, RequestBytes) {
   }
 }
 
-TEST_F(JsonCmdEncoderTest, ArgumentWithoutJsonFormSendsNothing) {
+// An argument without JSON form sends nothing; a failed send or a missing reply is a send failure.
+TEST_F(JsonCmdEncoderTest, NothingSentOrNothingBack) {
+  JsonCmdEncoder unbound(nullptr);
   EXPECT_EQ(encoder.SubscribeTrap(0, 1, TRAP_TYPE_DISCARD_INFO, 1, false),
             MONITOR_RESULT_BAD_ARGUMENT);
   EXPECT_EQ(encoder.UnsubscribeTrap(0, 1, static_cast<TRAP_TYPE>(9), 1, false),
             MONITOR_RESULT_BAD_ARGUMENT);
   EXPECT_EQ(encoder.SetTrapReceiver(0, 1, nullptr), MONITOR_RESULT_BAD_ARGUMENT);
   EXPECT_TRUE(fake.requests.empty());
-  EXPECT_EQ(log_.Lines(), (std::vector<std::string>{"E Undefined type [1]", "E Undefined type [9]",
-                                                    "E szServerName should not be NULL"}));
-}
-
-TEST_F(JsonCmdEncoderTest, NothingSentOrNothingBack) {
-  JsonCmdEncoder unbound(nullptr);
-  EXPECT_EQ(unbound.CloseSession(0, 1), MONITOR_RESULT_SEND_FAILED);
   EXPECT_EQ(unbound.CreateSession(nullptr), uint64_t{MONITOR_RESULT_SEND_FAILED});
   fake.sendOk = false;
   EXPECT_EQ(encoder.EnableTrap(0, 1), MONITOR_RESULT_SEND_FAILED);
-  EXPECT_EQ(log_.Lines(), std::vector<std::string>(3, "E Send command failed."));
   fake.sendOk = true;
   fake.hasReply = false;
   EXPECT_EQ(encoder.DisableTrap(0, 1), MONITOR_RESULT_SEND_FAILED);
-  EXPECT_EQ(log_.Lines().back(), "E No reply received.");
+  EXPECT_EQ(log_.Lines(),
+            (std::vector<std::string>{"E Undefined type [1]", "E Undefined type [9]",
+                                      "E szServerName should not be NULL", "E Send command failed.",
+                                      "E Send command failed.", "E No reply received."}));
 }
 
 // Every command shares these checks; CloseSession stands for them.
@@ -135,23 +127,17 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
        "Type of [api] is not correct in JSON reply:"},
       {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Trap","method":"close","version":1,"ret":0})", 10,
        "Reply API [Tidewatch.Trap] != Command API [Tidewatch.Session]"},
-      {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Session","version":1,"ret":0})", 10,
-       "Key: [method] is not found in JSON reply:"},
       {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Session","method":"open","version":1,"ret":0})", 10,
        "Reply Method [open] != Command Method [close]"},
-      {MCP_TYPE_REPLY, head + R"("ret":0})", 10, "Key: [version] is not found in JSON reply:"},
       {MCP_TYPE_REPLY, head + R"("version":"1","ret":0})", 10,
        "Type of [version] is not correct in JSON reply:"},
       {MCP_TYPE_REPLY, head + R"("version":2,"ret":0})", 10,
        "Reply Version [2] != Command Version [1]"},
       {MCP_TYPE_REPLY, head + R"("version":4294967297,"ret":0})", 0, ""},
-      {MCP_TYPE_REPLY, head + R"("version":true,"ret":0})", 0, ""},
       {MCP_TYPE_REPLY, head + R"("version":1.9,"ret":0})", 0, ""},
-      {MCP_TYPE_REPLY, head + R"("version":1})", 10, "Key: [ret] is not found in JSON reply:"},
       {MCP_TYPE_REPLY, head + R"("version":1,"ret":null})", 10,
        "Type of [ret] is not correct in JSON reply:"},
       {MCP_TYPE_REPLY, head + R"("version":1,"ret":16})", 10, "ret is invalid. [16]"},
-      {MCP_TYPE_REPLY, head + R"("version":1,"ret":-1})", 10, "ret is invalid. [-1]"},
       {MCP_TYPE_REPLY, head + R"("version":1,"ret":false})", 0, ""},
       {MCP_TYPE_REPLY, head + R"("version":1,"ret":15.7})", 15, ""},
   };
@@ -183,10 +169,8 @@ TEST_F(JsonCmdEncoderTest, CreateSessionMixesIdsAndCodesUnlessAskedApart) {
       {head + R"("ret":0,"data":{"sessionId":42}})", 42, 0, 42},
       {head + R"("ret":0,"data":{"sessionId":true}})", 1, 0, 1},
       {head + R"("ret":5,"data":{"sessionId":42}})", 0, 5, kUntouched},
-      {head + R"("ret":8})", 0, 8, kUntouched},
       {head + R"("ret":0,"data":{"sessionId":10}})", 10, 0, 10},  // an id equal to a code
       {head + R"("ret":0})", 10, 10, kUntouched},
-      {head + R"("ret":0,"data":{"sid":42}})", 10, 10, kUntouched},
       {head + R"("ret":0,"data":{"sessionId":"42"}})", 10, 10, kUntouched},
       {head + R"("ret":16,"data":{"sessionId":42}})", 10, 10, kUntouched},
       {"[1,2]", 10, 10, kUntouched},  // no object: nothing is looked up in it
@@ -205,52 +189,55 @@ TEST_F(JsonCmdEncoderTest, CreateSessionMixesIdsAndCodesUnlessAskedApart) {
 }
 
 TEST_F(JsonCmdEncoderTest, GetSessionFillsStatus) {
-  SessionReply("get", R"({"trapEnabled":true,"subscribedTraps":[[],5,[],[17,18]],)"
-                      R"("trapReceiverHost":"7srv"})");
+  // Lists beyond the last trap type have nowhere to go and are ignored.
+  SessionReply("get", R"({"trapEnabled":true,"subscribedTraps":[[],5,[],[17,18],[],[],[],[],[8],)"
+                      R"([9],["x"]],"trapReceiverHost":"7srv"})");
   MONITOR_SESSION_STATUS status;
   status.subscribedTraps[TRAP_TYPE_EM] = {1};
   ASSERT_EQ(encoder.GetSession(0, 7, status), 0);
   EXPECT_TRUE(status.trapEnabled);
   EXPECT_EQ(status.trapReceiverHost, "7srv");
   for (size_t t = 0; t < TRAP_TYPE_NUM; ++t) {
-    const std::vector<uint64_t> expected =
-        t == TRAP_TYPE_EM ? std::vector<uint64_t>{1, 17, 18} : std::vector<uint64_t>{};
+    const std::vector<uint64_t> expected = t == TRAP_TYPE_EM ? std::vector<uint64_t>{1, 17, 18}
+                                           : t == TRAP_TYPE_ICD_EVENT ? std::vector<uint64_t>{8}
+                                                                      : std::vector<uint64_t>{};
     EXPECT_EQ(status.subscribedTraps[t], expected) << t;
   }
-
-  // Lists beyond the last trap type have nowhere to go and are ignored.
-  SessionReply("get", R"({"trapEnabled":false,"subscribedTraps":[[],[],[],[],[],[],[],[],[8],)"
-                      R"([9],["x"]],"trapReceiverHost":""})");
-  MONITOR_SESSION_STATUS wide;
-  ASSERT_EQ(encoder.GetSession(0, 7, wide), 0);
-  EXPECT_EQ(wide.subscribedTraps[TRAP_TYPE_ICD_EVENT], std::vector<uint64_t>{8});
 }
 
-TEST_F(JsonCmdEncoderTest, GetSessionFailureLeavesStatusUntouched) {
-  const std::string good = R"("subscribedTraps":[[1]],"trapReceiverHost":"h")";
+// Everything is read before anything is written, so a failure leaves the outputs as they were.
+TEST_F(JsonCmdEncoderTest, FailedGetAndListLeaveTheirOutputsUntouched) {
   const struct {
+    const char* method;
     std::string data;
     std::string log;
   } cases[] = {
-      {R"({"trapEnabled":1,)" + good + "}", "Type of [trapEnabled] is not correct in JSON reply:"},
-      {R"({"trapEnabled":true,"trapReceiverHost":"h"})",
+      {"get", R"({"trapEnabled":1,"subscribedTraps":[[1]],"trapReceiverHost":"h"})",
+       "Type of [trapEnabled] is not correct in JSON reply:"},
+      {"get", R"({"trapEnabled":true,"trapReceiverHost":"h"})",
        "Key: [subscribedTraps] is not found in JSON reply:"},
-      {R"({"trapEnabled":true,"subscribedTraps":[[1]],"trapReceiverHost":5})",
+      {"get", R"({"trapEnabled":true,"subscribedTraps":[[1]],"trapReceiverHost":5})",
        "Type of [trapReceiverHost] is not correct in JSON reply:"},
-      {R"({"trapEnabled":true,"subscribedTraps":[[1,"2"]],"trapReceiverHost":"h"})",
+      {"get", R"({"trapEnabled":true,"subscribedTraps":[[1,"2"]],"trapReceiverHost":"h"})",
        "Type of [subscribedTraps] is not correct in JSON reply:"},
-      {"null", "Type of [data] is not correct in JSON reply:"},
+      {"get", "null", "Type of [data] is not correct in JSON reply:"},
+      {"list", R"({"sids":[1]})", "Key: [sid_list] is not found in JSON reply:"},
+      {"list", R"({"sid_list":[1,null]})", "Type of [sid_list] is not correct in JSON reply:"},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.data);
     log_.Clear();
-    SessionReply("get", c.data);
+    SessionReply(c.method, c.data);
     MONITOR_SESSION_STATUS status;
     status.trapReceiverHost = "before";
-    EXPECT_EQ(encoder.GetSession(0, 7, status), MONITOR_RESULT_BAD_REPLY) << c.data;
+    std::vector<uint64_t> ids{9};
+    EXPECT_EQ(c.method[0] == 'g' ? encoder.GetSession(0, 7, status) : encoder.ListSession(0, ids),
+              MONITOR_RESULT_BAD_REPLY);
     EXPECT_EQ(log_.Lines(), std::vector<std::string>{"E " + c.log});
     EXPECT_FALSE(status.trapEnabled);
     EXPECT_EQ(status.trapReceiverHost, "before");
     EXPECT_TRUE(status.subscribedTraps[0].empty());
+    EXPECT_EQ(ids, std::vector<uint64_t>{9});
   }
   // A refusal by the service is passed through, and nothing is read.
   ReplyWith(R"({"api":"Tidewatch.Session","method":"get","version":1,"ret":4})");
@@ -266,43 +253,34 @@ TEST_F(JsonCmdEncoderTest, ListSessionReplacesIds) {
   SessionReply("list", R"({"sid_list":[]})");
   ASSERT_EQ(encoder.ListSession(0, ids), 0);
   EXPECT_TRUE(ids.empty());
-
   ids = {9};
-  for (const char* data : {R"({"sids":[1]})", R"({"sid_list":[1,null]})"}) {
-    SessionReply("list", data);
-    EXPECT_EQ(encoder.ListSession(0, ids), MONITOR_RESULT_BAD_REPLY) << data;
-    EXPECT_EQ(ids, std::vector<uint64_t>{9});
-  }
   ReplyWith(R"({"api":"Tidewatch.Session","method":"list","version":1,"ret":7})");
   EXPECT_EQ(encoder.ListSession(0, ids), 7);
   EXPECT_EQ(ids, std::vector<uint64_t>{9});
 }
 
-// A negative or too large number where an unsigned one is read is refused by throwing; the
-// outputs keep their values because everything is read before they are written.
+// A negative or too large number where an unsigned one is read is refused by throwing, for the
+// one handler in main; the outputs keep their values because everything is read first.
 TEST_F(JsonCmdEncoderTest, NegativeUnsignedThrows) {
   MONITOR_SESSION_STATUS status;
   std::vector<uint64_t> ids{9};
-  const std::string create = R"({"api":"Tidewatch.Session","method":"create","version":1,"ret":0,)";
+  const std::string session = R"({"api":"Tidewatch.Session","method":)";
   static constexpr char kNegative[] = "Negative integer can not be converted to UInt64";
-  const char* const kRange = "Real out of UInt64 range";
   const struct {
     std::string json;
     std::function<void(JsonCmdEncoder&)> call;
     const char* error = kNegative;
   } cases[] = {
-      {create + R"("data":{"sessionId":1e30}})",
-       [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }, kRange},
-      {create + R"("data":{"sessionId":-1.5}})",
-       [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }, kRange},
-      {R"({"api":"Tidewatch.Session","method":"close","version":-1,"ret":0})",
+      {session + R"("create","version":1,"ret":0,"data":{"sessionId":1e30}})",
+       [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }, "Real out of UInt64 range"},
+      {session + R"("close","version":-1,"ret":0})",
        [](JsonCmdEncoder& e) { e.CloseSession(0, 1); }},
-      {create + R"("data":{"sessionId":-3}})", [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }},
-      {R"({"api":"Tidewatch.Session","method":"list","version":1,"ret":0,)"
-       R"("data":{"sid_list":[4,-1]}})",
+      {session + R"("create","version":1,"ret":0,"data":{"sessionId":-3}})",
+       [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }},
+      {session + R"("list","version":1,"ret":0,"data":{"sid_list":[4,-1]}})",
        [&](JsonCmdEncoder& e) { e.ListSession(0, ids); }},
-      {R"({"api":"Tidewatch.Session","method":"get","version":1,"ret":0,"data":)"
-       R"({"trapEnabled":true,"subscribedTraps":[[4],[-1]],"trapReceiverHost":"h"}})",
+      {session + R"("get","version":1,"ret":0,"data":{"trapEnabled":true,)"
+                 R"("subscribedTraps":[[4],[-1]],"trapReceiverHost":"h"}})",
        [&](JsonCmdEncoder& e) { e.GetSession(0, 1, status); }},
   };
   for (const auto& c : cases) {

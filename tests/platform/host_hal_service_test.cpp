@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -23,169 +24,169 @@ using Bytes = std::vector<uint8_t>;
 // Guards the waits below against a hang; never an expectation about speed.
 constexpr auto kPatience = std::chrono::seconds(20);
 
-class HostHalServiceTest : public testing::Test {
- protected:
-  // A service on the host HAL link. Each connection is served on a thread of its own: COMMAND
-  // gets `commandAnswer` written back as raw bytes (empty: the connection is closed instead), and
-  // REGISTER_TRAP_CALLBACK gets `registerStatus`; a registered connection is then handed to the
-  // test, which plays the service's side of the callback through CallbackFd().
-  class FakeService {
-   public:
-    explicit FakeService(HalGeneration generation) {
-      m_listener = ListenAbstract(HalEndpointName(generation), 4);
-      EXPECT_GE(m_listener, 0);
-      m_acceptor = std::thread([this] { AcceptLoop(); });
-    }
-    ~FakeService() {
-      shutdown(m_listener, SHUT_RDWR);  // wakes accept()
-      m_acceptor.join();
-      CloseConnections();
-      for (std::thread& t : m_servers) t.join();
-      for (int fd : m_fds) close(fd);
-      close(m_listener);
-    }
+Bytes Answer(std::initializer_list<uint8_t> statusAndReply) {
+  Bytes raw;
+  AppendHalLinkFrame(kHalLinkCommandResult, statusAndReply.begin(), statusAndReply.size(), &raw);
+  return raw;
+}
 
-    // Ends every connection from the service's side, as a dying service does, once at least
-    // `accepted` connections have been accepted (a client's connect returns before the accept).
-    void CloseConnections(size_t accepted = 0) {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      EXPECT_TRUE(m_changed.wait_for(lock, kPatience, [&] { return m_fds.size() >= accepted; }));
-      for (int fd : m_fds) shutdown(fd, SHUT_RDWR);
-    }
+// A service on the host HAL link. Each connection is served on a thread of its own: COMMAND gets
+// the scripted answer written back as raw bytes (empty: the connection is closed instead), and
+// REGISTER_TRAP_CALLBACK the scripted status; a registered connection is then handed to the test,
+// which plays the service's side of the callback through CallbackFd().
+class FakeService {
+ public:
+  explicit FakeService(HalGeneration generation)
+      : m_listener(ListenAbstract(HalEndpointName(generation), 4)) {
+    EXPECT_GE(m_listener, 0);
+    m_acceptor = std::thread([this] { AcceptLoop(); });
+  }
+  ~FakeService() {
+    shutdown(m_listener, SHUT_RDWR);  // wakes accept()
+    m_acceptor.join();
+    CloseConnections();
+    for (std::thread& t : m_servers) t.join();
+    for (int fd : m_fds) close(fd);
+    close(m_listener);
+  }
 
-    void SetCommandAnswer(Bytes raw) {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_commandAnswer = std::move(raw);
-    }
-    void SetRegisterStatus(uint8_t status) {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_registerStatus = status;
-    }
-    // Every request frame received, on any connection.
-    std::vector<HalLinkFrame> Requests() {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      return m_requests;
-    }
-    int CallbackFd() {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      EXPECT_TRUE(m_changed.wait_for(lock, kPatience, [&] { return m_callbackFd >= 0; }));
-      return m_callbackFd;
-    }
-    // Waits until `n` connections have been closed by the client (or ended by us).
-    bool WaitConnectionsEnded(int n) {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      return m_changed.wait_for(lock, kPatience, [&] { return m_ended >= n; });
-    }
+  // Ends every connection from the service's side, as a dying service does, once at least
+  // `accepted` connections have been accepted (a client's connect returns before the accept).
+  void CloseConnections(size_t accepted = 0) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    EXPECT_TRUE(m_changed.wait_for(lock, kPatience, [&] { return m_fds.size() >= accepted; }));
+    for (int fd : m_fds) shutdown(fd, SHUT_RDWR);
+  }
+  void Script(Bytes commandAnswer, uint8_t registerStatus = kHalLinkStatusOk) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_commandAnswer = std::move(commandAnswer);
+    m_registerStatus = registerStatus;
+  }
+  // Every request frame received, on any connection.
+  std::vector<HalLinkFrame> Requests() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_requests;
+  }
+  int CallbackFd() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    EXPECT_TRUE(m_changed.wait_for(lock, kPatience, [&] { return m_callbackFd >= 0; }));
+    return m_callbackFd;
+  }
+  // Waits until `n` connections have been closed by the client (or ended by us).
+  bool WaitConnectionsEnded(int n) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, kPatience, [&] { return m_ended >= n; });
+  }
 
-   private:
-    void AcceptLoop() {
-      for (;;) {
-        int fd = accept(m_listener, nullptr, nullptr);
-        if (fd < 0) return;
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_fds.push_back(fd);
-        m_servers.emplace_back([this, fd] { Serve(fd); });
-        m_changed.notify_all();
-      }
-    }
-
-    void Serve(int fd) {
-      HalLinkFrame frame;
-      while (ReadHalLinkFrame(fd, &frame) == HalLinkReadResult::kFrame) {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_requests.push_back(frame);
-        if (frame.opcode == kHalLinkCommand) {
-          if (m_commandAnswer.empty()) break;
-          ASSERT_EQ(static_cast<ssize_t>(m_commandAnswer.size()),
-                    write(fd, m_commandAnswer.data(), m_commandAnswer.size()));
-        } else if (frame.opcode == kHalLinkRegisterTrapCallback) {
-          ASSERT_TRUE(WriteHalLinkFrame(fd, kHalLinkRegisterResult, &m_registerStatus, 1));
-          if (m_registerStatus == kHalLinkStatusOk) {
-            m_callbackFd = fd;
-            m_changed.notify_all();
-            return;
-          }
-        }
-      }
+ private:
+  void AcceptLoop() {
+    for (int fd; (fd = accept(m_listener, nullptr, nullptr)) >= 0;) {
       std::lock_guard<std::mutex> lock(m_mutex);
-      shutdown(fd, SHUT_RDWR);
-      ++m_ended;
+      m_fds.push_back(fd);
+      m_servers.emplace_back([this, fd] { Serve(fd); });
       m_changed.notify_all();
     }
+  }
 
-    int m_listener = -1;
-    std::thread m_acceptor;
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::vector<std::thread> m_servers;
-    std::vector<int> m_fds;
-    Bytes m_commandAnswer = {0x02, 0x00, 0x00, 0x00, kHalLinkCommandResult, kHalLinkStatusOk};
-    uint8_t m_registerStatus = kHalLinkStatusOk;
-    std::vector<HalLinkFrame> m_requests;
-    int m_callbackFd = -1;
-    int m_ended = 0;
-  };
-
-  // Records what the service pushed and answers with `answer`.
-  class RecordingTarget : public HalCallbackTarget {
-   public:
-    bool OnServiceData(const uint8_t* data, size_t len) override {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      received.emplace_back(data, data + len);
-      return answer;
+  void Serve(int fd) {
+    HalLinkFrame frame;
+    while (ReadHalLinkFrame(fd, &frame) == HalLinkReadResult::kFrame) {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      m_requests.push_back(frame);
+      if (frame.opcode == kHalLinkCommand) {
+        if (m_commandAnswer.empty()) break;
+        ASSERT_EQ(static_cast<ssize_t>(m_commandAnswer.size()),
+                  write(fd, m_commandAnswer.data(), m_commandAnswer.size()));
+      } else if (frame.opcode == kHalLinkRegisterTrapCallback) {
+        ASSERT_TRUE(WriteHalLinkFrame(fd, kHalLinkRegisterResult, &m_registerStatus, 1));
+        if (m_registerStatus == kHalLinkStatusOk) {
+          m_callbackFd = fd;
+          m_changed.notify_all();
+          return;
+        }
+      }
     }
-    std::vector<Bytes> Received() {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      return received;
-    }
-    bool answer = true;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    shutdown(fd, SHUT_RDWR);
+    ++m_ended;
+    m_changed.notify_all();
+  }
 
-   private:
-    std::mutex m_mutex;
-    std::vector<Bytes> received;
-  };
+  int m_listener;
+  std::thread m_acceptor;
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::vector<std::thread> m_servers;
+  std::vector<int> m_fds;
+  Bytes m_commandAnswer = Answer({kHalLinkStatusOk});
+  uint8_t m_registerStatus = kHalLinkStatusOk;
+  std::vector<HalLinkFrame> m_requests;
+  int m_callbackFd = -1;
+  int m_ended = 0;
+};
 
-  // The cookie of a death handler: counts its calls and notes the thread; when `handle` is set,
-  // the handler releases it, as a client that drops a dead service does.
-  struct DeathProbe {
-    std::mutex mutex;
-    std::condition_variable fired;
-    int calls = 0;
-    std::thread::id thread;
-    std::shared_ptr<HalService> handle;
+// Records what the service pushed and answers with `answer`.
+class RecordingTarget : public HalCallbackTarget {
+ public:
+  bool OnServiceData(const uint8_t* data, size_t len) override {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_received.emplace_back(data, data + len);
+    return answer;
+  }
+  std::vector<Bytes> Received() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_received;
+  }
+  std::atomic<bool> answer{true};
 
-    static void OnDeath(void* cookie) {
-      auto* probe = static_cast<DeathProbe*>(cookie);
-      std::shared_ptr<HalService> doomed;
-      std::lock_guard<std::mutex> lock(probe->mutex);
-      doomed.swap(probe->handle);
-      doomed.reset();
-      ++probe->calls;
-      probe->thread = std::this_thread::get_id();
-      probe->fired.notify_all();
-    }
-    bool WaitCalls(int n) {
-      std::unique_lock<std::mutex> lock(mutex);
-      return fired.wait_for(lock, kPatience, [&] { return calls >= n; });
-    }
-  };
+ private:
+  std::mutex m_mutex;
+  std::vector<Bytes> m_received;
+};
 
+// The cookie of a death handler: counts its calls and notes the thread; when `handle` is set, the
+// handler releases it, as a client that drops a dead service does.
+struct DeathProbe {
+  std::mutex mutex;
+  std::condition_variable fired;
+  int calls = 0;
+  std::thread::id thread;
+  std::shared_ptr<HalService> handle;
+
+  static void OnDeath(void* cookie) {
+    auto* probe = static_cast<DeathProbe*>(cookie);
+    std::shared_ptr<HalService> doomed;
+    std::lock_guard<std::mutex> lock(probe->mutex);
+    doomed.swap(probe->handle);
+    doomed.reset();
+    ++probe->calls;
+    probe->thread = std::this_thread::get_id();
+    probe->fired.notify_all();
+  }
+  bool WaitCalls(int n) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return fired.wait_for(lock, kPatience, [&] { return calls >= n; });
+  }
+};
+
+class HostHalServiceTest : public testing::Test {
+ protected:
   void SetUp() override {
     static int count = 0;
     std::string prefix = "test-" + std::to_string(getpid()) + "-" + std::to_string(count++) + "-";
     setenv("TIDEWATCH_HAL_SOCKET_PREFIX", prefix.c_str(), 1);
     unsetenv("TIDEWATCH_HAL_WAIT_MS");
-    m_recipient = NewHalDeathRecipient(&DeathProbe::OnDeath);
   }
   void TearDown() override {
     unsetenv("TIDEWATCH_HAL_SOCKET_PREFIX");
     unsetenv("TIDEWATCH_HAL_WAIT_MS");
   }
 
-  static Bytes Answer(std::initializer_list<uint8_t> statusAndReply) {
-    Bytes raw;
-    AppendHalLinkFrame(kHalLinkCommandResult, statusAndReply.begin(), statusAndReply.size(), &raw);
-    return raw;
+  // A command connection to the AIDL endpoint.
+  static std::shared_ptr<HalService> Open() {
+    std::shared_ptr<HalService> handle = CheckAidlHalService();
+    EXPECT_NE(nullptr, handle);
+    return handle;
   }
   // Sends one TRAP on the callback connection and returns the TRAP_RESULT payload.
   static Bytes PushTrap(int fd, const Bytes& trap) {
@@ -197,7 +198,8 @@ class HostHalServiceTest : public testing::Test {
     return answer.payload;
   }
 
-  std::unique_ptr<HalDeathRecipient> m_recipient;
+  std::unique_ptr<HalDeathRecipient> m_recipient = NewHalDeathRecipient(&DeathProbe::OnDeath);
+  Bytes m_reply;
 };
 
 TEST_F(HostHalServiceTest, CommandsCarryBytesBothWays) {
@@ -205,8 +207,7 @@ TEST_F(HostHalServiceTest, CommandsCarryBytesBothWays) {
   std::shared_ptr<HalService> handle = GetAidlHalService();
   ASSERT_NE(nullptr, handle);
   EXPECT_EQ(HalGeneration::kAidl, handle->Generation());
-
-  struct Case {
+  const struct {
     Bytes request;
     Bytes answer;
     bool ok;
@@ -216,11 +217,11 @@ TEST_F(HostHalServiceTest, CommandsCarryBytesBothWays) {
       {{}, Answer({0x00}), true, {}},
       {{0x09}, Answer({0x05, 'x'}), false, {0xEE}},
   };
-  for (const Case& c : cases) {
-    service.SetCommandAnswer(c.answer);
-    Bytes reply = {0xEE};
-    EXPECT_EQ(c.ok, handle->SendCommand(c.request.data(), c.request.size(), &reply));
-    EXPECT_EQ(c.reply, reply);
+  for (const auto& c : cases) {
+    service.Script(c.answer);
+    m_reply = {0xEE};
+    EXPECT_EQ(c.ok, handle->SendCommand(c.request.data(), c.request.size(), &m_reply));
+    EXPECT_EQ(c.reply, m_reply);
     EXPECT_EQ(c.request, service.Requests().back().payload);
   }
 }
@@ -234,15 +235,14 @@ TEST_F(HostHalServiceTest, UnacceptableAnswerClosesTheConnection) {
       {},                                                      // the service hangs up instead
   };
   int ended = 0;
+  const uint8_t request[] = {0x42};
   for (const Bytes& answer : answers) {
-    service.SetCommandAnswer(answer);
-    std::shared_ptr<HalService> handle = CheckAidlHalService();
+    service.Script(answer);
+    std::shared_ptr<HalService> handle = Open();
     ASSERT_NE(nullptr, handle);
-    const uint8_t request[] = {0x42};
-    Bytes reply;
-    EXPECT_FALSE(handle->SendCommand(request, sizeof(request), &reply));
+    EXPECT_FALSE(handle->SendCommand(request, sizeof(request), &m_reply));
     EXPECT_TRUE(service.WaitConnectionsEnded(++ended));
-    EXPECT_FALSE(handle->SendCommand(request, sizeof(request), &reply));
+    EXPECT_FALSE(handle->SendCommand(request, sizeof(request), &m_reply));
     EXPECT_EQ(static_cast<size_t>(ended), service.Requests().size());
   }
 }
@@ -258,8 +258,7 @@ TEST_F(HostHalServiceTest, LookupsFindOnlyTheirOwnEndpoint) {
   std::shared_ptr<HalService> handle = GetHidlHalService();
   ASSERT_NE(nullptr, handle);
   EXPECT_EQ(HalGeneration::kHidl, handle->Generation());
-  Bytes reply;
-  EXPECT_TRUE(handle->SendCommand(nullptr, 0, &reply));
+  EXPECT_TRUE(handle->SendCommand(nullptr, 0, &m_reply));
 }
 
 TEST_F(HostHalServiceTest, BlockingLookupWaitsForALateService) {
@@ -277,22 +276,21 @@ TEST_F(HostHalServiceTest, BlockingLookupWaitsForALateService) {
 TEST_F(HostHalServiceTest, RegisteredConnectionServesTheCallback) {
   FakeService service(HalGeneration::kAidl);
   auto target = std::make_shared<RecordingTarget>();
-  std::shared_ptr<HalService> handle = CheckAidlHalService();
+  std::shared_ptr<HalService> handle = Open();
   ASSERT_NE(nullptr, handle);
-  Bytes reply;
   // A refused registration leaves a command connection.
-  service.SetRegisterStatus(3);
+  service.Script(Answer({kHalLinkStatusOk}), 3);
   EXPECT_FALSE(handle->RegisterTrapCallback("7", target));
-  EXPECT_TRUE(handle->SendCommand(nullptr, 0, &reply));
+  EXPECT_TRUE(handle->SendCommand(nullptr, 0, &m_reply));
 
-  service.SetRegisterStatus(kHalLinkStatusOk);
+  service.Script(Answer({kHalLinkStatusOk}));
   ASSERT_TRUE(handle->RegisterTrapCallback("5trapd", target));
   HalLinkFrame registration = service.Requests().back();
   EXPECT_EQ(kHalLinkRegisterTrapCallback, registration.opcode);
   EXPECT_EQ(Bytes({'5', 't', 'r', 'a', 'p', 'd'}), registration.payload);
 
   // The connection now belongs to the callback.
-  EXPECT_FALSE(handle->SendCommand(nullptr, 0, &reply));
+  EXPECT_FALSE(handle->SendCommand(nullptr, 0, &m_reply));
   EXPECT_FALSE(handle->RegisterTrapCallback("6trapd", target));
   EXPECT_EQ(3u, service.Requests().size());
 
@@ -307,8 +305,9 @@ TEST_F(HostHalServiceTest, RegisteredConnectionServesTheCallback) {
 
 TEST_F(HostHalServiceTest, DeathRunsEveryLinkOnceOnAnotherThread) {
   for (bool registered : {false, true}) {
+    SCOPED_TRACE(registered ? "registered" : "commands only");
     FakeService service(HalGeneration::kAidl);
-    std::shared_ptr<HalService> handle = CheckAidlHalService();
+    std::shared_ptr<HalService> handle = Open();
     ASSERT_NE(nullptr, handle);
     if (registered) {
       ASSERT_TRUE(handle->RegisterTrapCallback("9", std::make_shared<RecordingTarget>()));
@@ -319,8 +318,8 @@ TEST_F(HostHalServiceTest, DeathRunsEveryLinkOnceOnAnotherThread) {
     EXPECT_NE(0, handle->LinkToDeath(nullptr, &first));
 
     service.CloseConnections(1);
-    ASSERT_TRUE(first.WaitCalls(1)) << registered;
-    ASSERT_TRUE(second.WaitCalls(1)) << registered;
+    ASSERT_TRUE(first.WaitCalls(1));
+    ASSERT_TRUE(second.WaitCalls(1));
     EXPECT_NE(std::this_thread::get_id(), first.thread);
     // A link made after the death is refused rather than left waiting forever.
     DeathProbe late;
@@ -332,35 +331,31 @@ TEST_F(HostHalServiceTest, DeathRunsEveryLinkOnceOnAnotherThread) {
   }
 }
 
-TEST_F(HostHalServiceTest, DestroyingAHandleIsNoDeath) {
-  FakeService service(HalGeneration::kAidl);
-  DeathProbe probe;
-  std::shared_ptr<HalService> handle = CheckAidlHalService();
-  ASSERT_NE(nullptr, handle);
-  ASSERT_EQ(0, handle->LinkToDeath(m_recipient.get(), &probe));
-  handle.reset();
-  EXPECT_TRUE(service.WaitConnectionsEnded(1));
-  EXPECT_EQ(0, probe.calls);
-}
-
+// Destroying a handle is no death; a death handler may drop the last reference to its handle,
+// which then dies on its own watcher thread.
 TEST_F(HostHalServiceTest, DeathHandlerMayReleaseItsHandle) {
   FakeService service(HalGeneration::kAidl);
-  DeathProbe probe;
-  std::shared_ptr<HalService> handle = CheckAidlHalService();
+  DeathProbe unlinked, probe;
+  std::shared_ptr<HalService> handle = Open();
+  ASSERT_NE(nullptr, handle);
+  ASSERT_EQ(0, handle->LinkToDeath(m_recipient.get(), &unlinked));
+  handle.reset();
+  EXPECT_TRUE(service.WaitConnectionsEnded(1));
+  EXPECT_EQ(0, unlinked.calls);
+
+  handle = Open();
   ASSERT_NE(nullptr, handle);
   ASSERT_EQ(0, handle->LinkToDeath(m_recipient.get(), &probe));
-  Bytes reply;
-  EXPECT_TRUE(handle->SendCommand(nullptr, 0, &reply));
+  EXPECT_TRUE(handle->SendCommand(nullptr, 0, &m_reply));
   {
     std::lock_guard<std::mutex> lock(probe.mutex);
     probe.handle = std::move(handle);
   }
-
-  // The handler drops the last reference, so the handle dies on its own watcher thread.
-  service.CloseConnections(1);
+  service.CloseConnections(2);
   ASSERT_TRUE(probe.WaitCalls(1));
   std::lock_guard<std::mutex> lock(probe.mutex);
   EXPECT_EQ(nullptr, probe.handle);
+  EXPECT_EQ(0, unlinked.calls);
 }
 
 }  // namespace
