@@ -25,9 +25,7 @@ class MCPHandlerTest : public ::testing::Test {
   // For runs whose debug lines, one per skipped byte, are too many to keep.
   static void Discard(int, const char*, const char*) {}
 
-  void TearDown() override {
-    if (peer >= 0) close(peer);
-  }
+  void TearDown() override { close(peer); }
 
   static Bytes Header(uint16_t typeMagic, uint32_t length) {
     Bytes b = {0xAE, 0xCD, 0xE8, 0xF4, uint8_t(typeMagic), uint8_t(typeMagic >> 8)};
@@ -54,8 +52,6 @@ class MCPHandlerTest : public ::testing::Test {
     fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
     conn.reset(new SocketConnection(fds[0], "peer"));
     peer = fds[1];
-    timeval deadline{5, 0};  // a read of what never came fails instead of hanging
-    setsockopt(peer, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof(deadline));
   }
   void PeerSend(const Bytes& b) {
     ASSERT_EQ(write(peer, b.data(), b.size()), ssize_t(b.size()));
@@ -149,11 +145,7 @@ TEST_F(MCPHandlerTest, SearchHeaderResynchronises) {
       {"length 0", Cat({Header(0x5875, 0), {1, 2, 3}}), MCP_TYPE_NONE, 0, 7},
       {"length 131073", Cat({Header(0x5875, 131073), {1, 2, 3}}), MCP_TYPE_NONE, 0, 7},
       {"length 131072", Header(0x5875, 131072), MCP_TYPE_REPLY, 131072, 0},
-      {"nine bytes of a header",
-       {0xAE, 0xCD, 0xE8, 0xF4, 0x75, 0x57, 1, 0, 0},
-       MCP_TYPE_NONE,
-       0,
-       9},
+      {"nine bytes of a header", Cat({magic, {0x75, 0x57, 1, 0, 0}}), MCP_TYPE_NONE, 0, 9},
       {"magic-like bytes only", Bytes(40, 0xAE), MCP_TYPE_NONE, 0, 9},
   };
   for (const auto& c : cases) {
@@ -222,15 +214,10 @@ TEST_F(MCPHandlerTest, FastResyncMatchesByteByByteSearch) {
   }
 }
 
-TEST_F(MCPHandlerTest, OneShotReader) {
-  Bytes two = Cat({{9, 9}, Packet(0x5875, "{\"ret\":0}"), Packet(0x5775, "second")});
-  MCPInfo out;
-  ASSERT_TRUE(MCPHandler::ProcessFromBuffer(two.data(), two.size(), out, nullptr));
-  EXPECT_EQ(out.type, MCP_TYPE_REPLY);
-  EXPECT_TRUE(out.owned);
-  EXPECT_EQ(Text(out), "{\"ret\":0}");  // only the first packet
-
-  const Bytes tooBig(DataQueue::kCapacity + 1, 0), garbage(30, 0x11);
+// The callback road's reader; what it makes of whole packets and garbage is pinned through the
+// receiver, these are the buffers that never reach a search.
+TEST_F(MCPHandlerTest, OneShotReaderRefusesBuffersItCannotHold) {
+  const Bytes tooBig(DataQueue::kCapacity + 1, 0);
   const Bytes shortPayload = Cat({Header(0x5775, 5), {1, 2}});
   const struct {
     const uint8_t* bytes;
@@ -239,8 +226,6 @@ TEST_F(MCPHandlerTest, OneShotReader) {
   } failures[] = {
       {nullptr, 4, "ProcessFromBuffer dataQ.Push false"},
       {tooBig.data(), tooBig.size(), "ProcessFromBuffer dataQ.Push false"},
-      {garbage.data(), 0, "dataQ size is 0."},
-      {garbage.data(), garbage.size(), "No Header in current buffer."},
       {shortPayload.data(), shortPayload.size(), "Data size [2] < Payload length [5]."},
   };
   for (const auto& c : failures) {
@@ -269,34 +254,6 @@ TEST_F(MCPHandlerTest, StreamReaderCompletesAPendingHeaderWithoutSearchingAgain)
   EXPECT_EQ(io.type, MCP_TYPE_TRAP);
   EXPECT_EQ(Text(io), "hello");
   EXPECT_EQ(conn->ReadQueue().size, 0u);
-}
-
-TEST_F(MCPHandlerTest, StreamReaderCutsPacketsInOrder) {
-  Connect();
-  PeerSend(Cat({{0}, Packet(0x5775, "one"), Packet(0x5875, "two"), {0xAE, 0xCD}}));
-  for (const char* want : {"one", "two"}) {
-    MCPInfo io;
-    ASSERT_TRUE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr)) << want;
-    EXPECT_EQ(Text(io), want);
-  }
-  MCPInfo io;
-  EXPECT_FALSE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
-  EXPECT_EQ(Held(conn->ReadQueue()), (Bytes{0xAE, 0xCD}));
-}
-
-TEST_F(MCPHandlerTest, WritesToAConnectionUntilThePeerHasGone) {
-  Connect();
-  MCPInfo in;
-  in.SetData(MCP_TYPE_REPLY, 2, reinterpret_cast<const uint8_t*>("ok"), false);
-  ASSERT_TRUE(MCPHandler::WriteToConnection(*conn, in, nullptr));
-  Bytes got(64);
-  got.resize(size_t(read(peer, got.data(), got.size())));
-  EXPECT_EQ(got, Packet(0x5875, "ok"));
-
-  close(peer);
-  peer = -1;
-  EXPECT_FALSE(MCPHandler::WriteToConnection(*conn, in, nullptr));
-  EXPECT_TRUE(log_.Contains("E MCPHandler::WriteToConnection (HEADER_MAGIC) failed!"));
 }
 
 // SetData clamps even a borrowed length, and may re-set a packet from its own payload.

@@ -140,36 +140,30 @@ TEST_F(McpReceiverTest, StreamCutAnywhereGivesEveryPacketOnceInOrder) {
 }
 
 // Half a packet waits for the rest on its own connection; another connection's packet, or one
-// pushed through a callback, neither completes it nor is swallowed by it.
+// pushed through a callback, neither completes it nor is swallowed by it. A connection lost
+// mid-packet leaves nothing behind for a later one, which may well be allocated at the same
+// address.
 TEST_F(McpReceiverTest, HalfPacketBelongsToItsConnection) {
   const Bytes fromA = McpPacket(MCP_TYPE_TRAP, B("payload of a"));
-  auto a = NewLink();
-  auto b = NewLink();
-  EXPECT_FALSE(Feed(*a, Bytes(fromA.begin(), fromA.begin() + 12)));
-  EXPECT_TRUE(Feed(*b, McpPacket(MCP_TYPE_TRAP, B("from b"))));
-  EXPECT_TRUE(Callback(McpPacket(MCP_TYPE_TRAP, B("from callback"))));
-  EXPECT_TRUE(Feed(*a, Bytes(fromA.begin() + 12, fromA.end())));
-  EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "from b"},
-                                                   {MCP_TYPE_TRAP, "from callback"},
-                                                   {MCP_TYPE_TRAP, "payload of a"}}));
-}
-
-// A connection lost mid-packet leaves nothing behind for a later connection, which may well be
-// allocated at the same address.
-TEST_F(McpReceiverTest, LostConnectionDropsItsHalfPacket) {
   for (int round = 0; round < 3; ++round) {
-    auto gone = NewLink();
-    const Bytes announced = McpPacket(MCP_TYPE_TRAP, {}, 64);
-    EXPECT_FALSE(Feed(*gone, Concat({announced, B("part")})));
-    close(gone->peer);
-    gone->peer = -1;
-    EXPECT_FALSE(receiver.DataIn(*gone->conn));
-    EXPECT_FALSE(gone->conn->valid);
-    gone.reset();
-
+    auto a = NewLink();
+    auto b = NewLink();
+    EXPECT_FALSE(Feed(*a, Bytes(fromA.begin(), fromA.begin() + 12)));
+    EXPECT_TRUE(Feed(*b, McpPacket(MCP_TYPE_TRAP, B("from b"))));
+    EXPECT_TRUE(Callback(McpPacket(MCP_TYPE_TRAP, B("from callback"))));
+    EXPECT_TRUE(Feed(*a, Bytes(fromA.begin() + 12, fromA.end())));
+    EXPECT_FALSE(Feed(*a, Concat({McpPacket(MCP_TYPE_TRAP, {}, 64), B("part")})));
+    close(a->peer);
+    a->peer = -1;
+    EXPECT_FALSE(receiver.DataIn(*a->conn));
+    EXPECT_FALSE(a->conn->valid);
+    a.reset();
     auto fresh = NewLink();
     EXPECT_TRUE(Feed(*fresh, McpPacket(MCP_TYPE_TRAP, B("whole"))));
-    EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "whole"}}));
+    EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "from b"},
+                                                     {MCP_TYPE_TRAP, "from callback"},
+                                                     {MCP_TYPE_TRAP, "payload of a"},
+                                                     {MCP_TYPE_TRAP, "whole"}}));
   }
 }
 
@@ -236,8 +230,6 @@ TEST_F(McpReceiverTest, CallbackHandlesOnlyTheFirstWholePacket) {
 // Socket clients and callback threads deliver at the same time; the handler is never entered twice
 // at once and nothing is lost. Run under ThreadSanitizer too.
 TEST_F(McpReceiverTest, BothRoadsAtOnceAreSerialised) {
-  constexpr int kCallbackThreads = 4;
-  constexpr int kSocketClients = 2;
   constexpr int kPerSender = 300;
   std::string name = UniqueSocketName();
   SocketListener listener(name.c_str());
@@ -249,53 +241,42 @@ TEST_F(McpReceiverTest, BothRoadsAtOnceAreSerialised) {
       vendor::velora::hardware::tidewatch::V1_0::implementation::TidewatchClientCallback>();
   aidl->SetReceiver(&receiver);
   hidl->SetReceiver(&receiver);
-
+  // Senders 0-3 are callback threads, alternating generations; 4 and 5 are socket clients.
   std::vector<std::thread> senders;
-  for (int t = 0; t < kCallbackThreads; ++t) {
+  for (int t = 0; t < 6; ++t) {
     senders.emplace_back([&, t] {
+      int fd = t < 4 ? -1 : ConnectAbstract(name);
       for (int i = 0; i < kPerSender; ++i) {
         const Bytes packet =
-            McpPacket(MCP_TYPE_TRAP, B("cb" + std::to_string(t) + "." + std::to_string(i)));
+            McpPacket(MCP_TYPE_TRAP, B(std::to_string(t) + "." + std::to_string(i)));
         bool taken = false;
-        if (t % 2 == 0) {
+        if (t >= 4) {
+          taken = WriteAll(fd, packet);
+        } else if (t % 2 == 0) {
           EXPECT_TRUE(aidl->MCPReceiver(packet, &taken));
         } else {
           taken = hidl->MCPReceiver(packet);
         }
-        EXPECT_TRUE(taken);
+        EXPECT_TRUE(taken) << t;
       }
-    });
-  }
-  for (int c = 0; c < kSocketClients; ++c) {
-    senders.emplace_back([&, c] {
-      int fd = ConnectAbstract(name);
-      ASSERT_GE(fd, 0);
-      for (int i = 0; i < kPerSender; ++i) {
-        EXPECT_TRUE(WriteAll(
-            fd, McpPacket(MCP_TYPE_TRAP, B("so" + std::to_string(c) + "." + std::to_string(i)))));
-      }
-      close(fd);
+      if (fd >= 0) close(fd);
     });
   }
   for (std::thread& t : senders) t.join();
-  ASSERT_TRUE(handler.WaitForCount((kCallbackThreads + kSocketClients) * kPerSender));
+  ASSERT_TRUE(handler.WaitForCount(6 * kPerSender));
   listener.Stop();
   aidl->SetReceiver(nullptr);
   hidl->SetReceiver(nullptr);
 
   std::vector<Seen> seen = handler.TakeSeen();
   EXPECT_FALSE(handler.Overlapped());
-  EXPECT_EQ(seen.size(), static_cast<size_t>((kCallbackThreads + kSocketClients) * kPerSender));
-  // Each socket client's packets arrive whole and in the order sent.
-  for (int c = 0; c < kSocketClients; ++c) {
-    int next = 0;
-    const std::string prefix = "so" + std::to_string(c) + ".";
-    for (const Seen& s : seen) {
-      if (s.payload.compare(0, prefix.size(), prefix) != 0) continue;
-      EXPECT_EQ(s.payload, prefix + std::to_string(next));
-      ++next;
-    }
-    EXPECT_EQ(next, kPerSender);
+  EXPECT_EQ(seen.size(), 6u * kPerSender);
+  // Each sender's packets arrive whole and in the order sent.
+  int next[6] = {};
+  for (const Seen& s : seen) {
+    const int t = s.payload[0] - '0';
+    ASSERT_TRUE(t >= 0 && t < 6) << s.payload;
+    EXPECT_EQ(s.payload, std::to_string(t) + "." + std::to_string(next[t]++));
   }
 }
 
