@@ -52,6 +52,12 @@ TEST_F(DoMainHostTest, SessionFileDefaults) {
   RunCases({
       {"--enable-trap", "42\n", "resp = [9], doerId = [0], sessionId = [42]\n", 9},
       {"--disable-trap doerId=3", "abc", "Read sessionId failed." + kNeedSession, -1},
+      {"--disable-trap", "", "Read sessionId failed." + kNeedSession, -1},
+      // The first number counts, after any white space and before any other words.
+      {"--enable-trap", "  \n\t17 trailing words", "resp = [9], doerId = [0], sessionId = [17]\n",
+       9},
+      {"--enable-trap", "18446744073709551615",
+       "resp = [9], doerId = [0], sessionId = [18446744073709551615]\n", 9},
       {"--get-session", kNone, kNoFile + kNeedSession, -1},
       // A stored 0 is a successful read: the command goes on with session 0.
       {"--close-session", "0", "resp = [9], doerId = [0], sessionId = [0]\n", 9},

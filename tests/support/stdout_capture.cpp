@@ -1,7 +1,6 @@
 #include "tests/support/stdout_capture.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -9,19 +8,18 @@
 
 namespace tidewatch_test {
 
-std::string CaptureStdout(const std::string& path, const std::function<void()>& fn) {
-  fflush(stdout);
-  int saved = dup(STDOUT_FILENO);
-  int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  dup2(fd, STDOUT_FILENO);
-  close(fd);
+std::string CaptureStdout(const std::string& path, const std::function<void()>& fn, int fd) {
+  fflush(nullptr);
+  int saved = dup(fd);
+  int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  dup2(file, fd);
+  close(file);
   fn();
-  fflush(stdout);
-  dup2(saved, STDOUT_FILENO);
+  fflush(nullptr);
+  dup2(saved, fd);
   close(saved);
-  std::ifstream in(path, std::ios::binary);
   std::stringstream text;
-  text << in.rdbuf();
+  text << std::ifstream(path, std::ios::binary).rdbuf();
   unlink(path.c_str());
   return text.str();
 }
