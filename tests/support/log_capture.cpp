@@ -13,17 +13,12 @@
 namespace tidewatch_test {
 namespace {
 
-struct Entry {
-  int priority;
-  std::string line;  // already in the capture's form
-};
-
 // Never destroyed: platform threads that outlive a test may still log through the sink while the
 // process exits.
 struct LogStore {
   std::mutex mutex;
   std::condition_variable changed;
-  std::vector<Entry> entries;
+  std::vector<std::string> lines;  // already in the capture's form
   size_t maxText = std::string::npos;
   bool active = false;
 };
@@ -32,9 +27,9 @@ LogStore& Store() {
   return *store;
 }
 
-std::string Prefix(int priority) {
+char Letter(int priority) {
   bool known = priority >= libtidewatch::kLogVerbose && priority <= libtidewatch::kLogError;
-  return std::string(1, known ? "??VDIWE"[priority] : '?') + " ";
+  return known ? "??VDIWE"[priority] : '?';
 }
 
 }  // namespace
@@ -42,12 +37,11 @@ std::string Prefix(int priority) {
 LogCapture::LogCapture(int threshold, size_t maxText)
     : m_savedThreshold(libtidewatch::GetLogThreshold()) {
   {
-    LogStore& store = Store();
-    std::lock_guard<std::mutex> lock(store.mutex);
-    if (store.active) ADD_FAILURE() << "a second LogCapture would share the first one's lines";
-    store.active = true;
-    store.entries.clear();
-    store.maxText = maxText;
+    std::lock_guard<std::mutex> lock(Store().mutex);
+    if (Store().active) ADD_FAILURE() << "a second LogCapture would share the first one's lines";
+    Store().active = true;
+    Store().lines.clear();
+    Store().maxText = maxText;
   }
   libtidewatch::SetLogSink(&Sink);
   libtidewatch::SetLogThreshold(threshold);
@@ -61,26 +55,18 @@ LogCapture::~LogCapture() {
 }
 
 void LogCapture::Sink(int priority, const char* /*tag*/, const char* text) {
-  LogStore& store = Store();
-  std::lock_guard<std::mutex> lock(store.mutex);
-  std::string line = Prefix(priority);
-  line.append(text, std::min(strlen(text), store.maxText));
-  store.entries.push_back({priority, std::move(line)});
-  store.changed.notify_all();
-}
-
-std::vector<std::string> LogCapture::Lines() const {
   std::lock_guard<std::mutex> lock(Store().mutex);
-  std::vector<std::string> lines;
-  for (const Entry& entry : Store().entries) lines.push_back(entry.line);
-  return lines;
+  std::string line = {Letter(priority), ' '};
+  line.append(text, std::min(strlen(text), Store().maxText));
+  Store().lines.push_back(std::move(line));
+  Store().changed.notify_all();
 }
 
 std::vector<std::string> LogCapture::Lines(int priority) const {
   std::lock_guard<std::mutex> lock(Store().mutex);
   std::vector<std::string> lines;
-  for (const Entry& entry : Store().entries) {
-    if (entry.priority == priority) lines.push_back(entry.line);
+  for (const std::string& line : Store().lines) {
+    if (priority < 0 || line[0] == Letter(priority)) lines.push_back(line);
   }
   return lines;
 }
@@ -89,22 +75,19 @@ bool LogCapture::Contains(const std::string& line) const { return Count(line) > 
 
 size_t LogCapture::Count(const std::string& line) const {
   std::lock_guard<std::mutex> lock(Store().mutex);
-  const std::vector<Entry>& entries = Store().entries;
-  return std::count_if(entries.begin(), entries.end(),
-                       [&](const Entry& entry) { return entry.line == line; });
+  return std::count(Store().lines.begin(), Store().lines.end(), line);
 }
 
 void LogCapture::Clear() {
   std::lock_guard<std::mutex> lock(Store().mutex);
-  Store().entries.clear();
+  Store().lines.clear();
 }
 
 bool LogCapture::WaitForText(const std::string& text) const {
-  LogStore& store = Store();
-  std::unique_lock<std::mutex> lock(store.mutex);
-  return store.changed.wait_for(lock, std::chrono::seconds(20), [&] {
-    return std::any_of(store.entries.begin(), store.entries.end(), [&](const Entry& entry) {
-      return entry.line.find(text) != std::string::npos;
+  std::unique_lock<std::mutex> lock(Store().mutex);
+  return Store().changed.wait_for(lock, std::chrono::seconds(20), [&] {
+    return std::any_of(Store().lines.begin(), Store().lines.end(), [&](const std::string& line) {
+      return line.find(text) != std::string::npos;
     });
   });
 }

@@ -22,9 +22,8 @@ class LogCapture {
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<std::string> Lines() const;
-  // Only the lines logged with `priority`.
-  std::vector<std::string> Lines(int priority) const;
+  // Every line, or only those logged with `priority`.
+  std::vector<std::string> Lines(int priority = -1) const;
   bool Contains(const std::string& line) const;
   size_t Count(const std::string& line) const;
   // Forgets what has been captured so far.

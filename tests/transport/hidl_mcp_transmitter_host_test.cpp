@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -45,19 +46,10 @@ class HIDLMCPTransmitterTest : public ::testing::Test {
     return text.find(R"("method":"list")") != std::string::npos;
   }
 
-  // Sends until one gets its reply, as while pending death notifications are still being handled.
-  static bool SendsEventually(HIDLMCPTransmitter& tx) {
+  // Polls `done` until it holds, within a generous guard time.
+  static bool Eventually(const std::function<bool()>& done) {
     for (int i = 0; i < 2000; ++i) {
-      if (SendsAndGetsReply(tx)) return true;
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
-  }
-
-  // Waits (with a generous guard) until `line` has been logged `n` times.
-  static bool WaitForCount(const LogCapture& log, const std::string& line, size_t n) {
-    for (int i = 0; i < 2000; ++i) {
-      if (log.Count(line) >= n) return true;
+      if (done()) return true;
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
@@ -111,8 +103,8 @@ TEST_F(HIDLMCPTransmitterTest, ReconnectsAidlOnDeath) {
   emulator.Kill();
   ASSERT_TRUE(emulator.Restart());
   // Reconnected before any Send could have done it.
-  ASSERT_TRUE(WaitForCount(log, kAidlConnected, 2));
-  ASSERT_TRUE(SendsEventually(tx));
+  ASSERT_TRUE(Eventually([&] { return log.Count(kAidlConnected) >= 2; }));
+  ASSERT_TRUE(Eventually([&] { return SendsAndGetsReply(tx); }));
   EXPECT_TRUE(tx.CheckValid());
   EXPECT_EQ(log.Count(kAidlConnected), log.Count(kDied) + 1);
   EXPECT_EQ(log.Count(kHidlFailed), 0u);
@@ -125,7 +117,7 @@ TEST_F(HIDLMCPTransmitterTest, HidlDeathLeavesNoHandleUntilNextSend) {
   HIDLMCPTransmitter tx("death");
   ASSERT_TRUE(SendsAndGetsReply(tx));
   emulator.Kill();
-  ASSERT_TRUE(WaitForCount(log, kHidlFailed, 1));
+  ASSERT_TRUE(Eventually([&] { return log.Contains(kHidlFailed); }));
   EXPECT_GE(log.Count(kDied), 1u);
   EXPECT_FALSE(tx.CheckValid());
   const size_t connections = log.Count(kHidlConnected);
@@ -155,15 +147,11 @@ TEST_F(HIDLMCPTransmitterTest, SendsRaceWithDeath) {
       }
     }
   });
-  for (int i = 0; i < 2000 && okBefore < 3; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  Eventually([&] { return okBefore >= 3; });
   emulator.Kill();
   const bool back = emulator.Restart();
   restarted = true;
-  for (int i = 0; back && i < 2000 && okAfter < 3; ++i) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
+  Eventually([&] { return !back || okAfter >= 3; });
   stop = true;
   if (sender.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
     ADD_FAILURE() << "the sender is stuck";
