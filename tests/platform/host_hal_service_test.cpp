@@ -1,9 +1,9 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <memory>
@@ -24,106 +24,14 @@ using Bytes = std::vector<uint8_t>;
 // Guards the waits below against a hang; never an expectation about speed.
 constexpr auto kPatience = std::chrono::seconds(20);
 
-Bytes Answer(std::initializer_list<uint8_t> statusAndReply) {
+Bytes Frame(uint8_t opcode, std::initializer_list<uint8_t> payload) {
   Bytes raw;
-  AppendHalLinkFrame(kHalLinkCommandResult, statusAndReply.begin(), statusAndReply.size(), &raw);
+  AppendHalLinkFrame(opcode, payload.begin(), payload.size(), &raw);
   return raw;
 }
-
-// A service on the host HAL link. Each connection is served on a thread of its own: COMMAND gets
-// the scripted answer written back as raw bytes (empty: the connection is closed instead), and
-// REGISTER_TRAP_CALLBACK the scripted status; a registered connection is then handed to the test,
-// which plays the service's side of the callback through CallbackFd().
-class FakeService {
- public:
-  explicit FakeService(HalGeneration generation)
-      : m_listener(ListenAbstract(HalEndpointName(generation), 4)) {
-    EXPECT_GE(m_listener, 0);
-    m_acceptor = std::thread([this] { AcceptLoop(); });
-  }
-  ~FakeService() {
-    shutdown(m_listener, SHUT_RDWR);  // wakes accept()
-    m_acceptor.join();
-    CloseConnections();
-    for (std::thread& t : m_servers) t.join();
-    for (int fd : m_fds) close(fd);
-    close(m_listener);
-  }
-
-  // Ends every connection from the service's side, as a dying service does, once at least
-  // `accepted` connections have been accepted (a client's connect returns before the accept).
-  void CloseConnections(size_t accepted = 0) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    EXPECT_TRUE(m_changed.wait_for(lock, kPatience, [&] { return m_fds.size() >= accepted; }));
-    for (int fd : m_fds) shutdown(fd, SHUT_RDWR);
-  }
-  void Script(Bytes commandAnswer, uint8_t registerStatus = kHalLinkStatusOk) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_commandAnswer = std::move(commandAnswer);
-    m_registerStatus = registerStatus;
-  }
-  // Every request frame received, on any connection.
-  std::vector<HalLinkFrame> Requests() {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_requests;
-  }
-  int CallbackFd() {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    EXPECT_TRUE(m_changed.wait_for(lock, kPatience, [&] { return m_callbackFd >= 0; }));
-    return m_callbackFd;
-  }
-  // Waits until `n` connections have been closed by the client (or ended by us).
-  bool WaitConnectionsEnded(int n) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, kPatience, [&] { return m_ended >= n; });
-  }
-
- private:
-  void AcceptLoop() {
-    for (int fd; (fd = accept(m_listener, nullptr, nullptr)) >= 0;) {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_fds.push_back(fd);
-      m_servers.emplace_back([this, fd] { Serve(fd); });
-      m_changed.notify_all();
-    }
-  }
-
-  void Serve(int fd) {
-    HalLinkFrame frame;
-    while (ReadHalLinkFrame(fd, &frame) == HalLinkReadResult::kFrame) {
-      std::unique_lock<std::mutex> lock(m_mutex);
-      m_requests.push_back(frame);
-      if (frame.opcode == kHalLinkCommand) {
-        if (m_commandAnswer.empty()) break;
-        ASSERT_EQ(static_cast<ssize_t>(m_commandAnswer.size()),
-                  write(fd, m_commandAnswer.data(), m_commandAnswer.size()));
-      } else if (frame.opcode == kHalLinkRegisterTrapCallback) {
-        ASSERT_TRUE(WriteHalLinkFrame(fd, kHalLinkRegisterResult, &m_registerStatus, 1));
-        if (m_registerStatus == kHalLinkStatusOk) {
-          m_callbackFd = fd;
-          m_changed.notify_all();
-          return;
-        }
-      }
-    }
-    std::lock_guard<std::mutex> lock(m_mutex);
-    shutdown(fd, SHUT_RDWR);
-    ++m_ended;
-    m_changed.notify_all();
-  }
-
-  int m_listener;
-  std::thread m_acceptor;
-  std::mutex m_mutex;
-  std::condition_variable m_changed;
-  std::vector<std::thread> m_servers;
-  std::vector<int> m_fds;
-  Bytes m_commandAnswer = Answer({kHalLinkStatusOk});
-  uint8_t m_registerStatus = kHalLinkStatusOk;
-  std::vector<HalLinkFrame> m_requests;
-  int m_callbackFd = -1;
-  int m_ended = 0;
-};
+Bytes Answer(std::initializer_list<uint8_t> statusAndReply) {
+  return Frame(kHalLinkCommandResult, statusAndReply);
+}
 
 // Records what the service pushed and answers with `answer`.
 class RecordingTarget : public HalCallbackTarget {
@@ -131,13 +39,12 @@ class RecordingTarget : public HalCallbackTarget {
   bool OnServiceData(const uint8_t* data, size_t len) override {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_received.emplace_back(data, data + len);
-    return answer;
+    return m_received.size() == 1;
   }
   std::vector<Bytes> Received() {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_received;
   }
-  std::atomic<bool> answer{true};
 
  private:
   std::mutex m_mutex;
@@ -169,6 +76,9 @@ struct DeathProbe {
   }
 };
 
+// The test plays the service on the host HAL link: it publishes the endpoint, accepts the
+// connection a lookup makes, and writes each answer before the call that reads it (the socket
+// holds it), so that no thread of its own is needed.
 class HostHalServiceTest : public testing::Test {
  protected:
   void SetUp() override {
@@ -178,36 +88,54 @@ class HostHalServiceTest : public testing::Test {
     unsetenv("TIDEWATCH_HAL_WAIT_MS");
   }
   void TearDown() override {
+    for (int fd : m_fds) close(fd);
     unsetenv("TIDEWATCH_HAL_SOCKET_PREFIX");
     unsetenv("TIDEWATCH_HAL_WAIT_MS");
   }
 
-  // A command connection to the AIDL endpoint.
-  static std::shared_ptr<HalService> Open() {
+  void Publish(HalGeneration generation) {
+    m_listener = ListenAbstract(HalEndpointName(generation), 4);
+    ASSERT_GE(m_listener, 0);
+    m_fds.push_back(m_listener);
+    fcntl(m_listener, F_SETFL, O_NONBLOCK);  // a lookup that failed must not leave accept waiting
+  }
+  // Looks the AIDL service up and accepts the connection as the service's end, m_service.
+  std::shared_ptr<HalService> Open() {
     std::shared_ptr<HalService> handle = CheckAidlHalService();
-    EXPECT_NE(nullptr, handle);
-    return handle;
+    m_service = accept(m_listener, nullptr, nullptr);
+    EXPECT_GE(m_service, 0);
+    m_fds.push_back(m_service);
+    return m_service >= 0 ? handle : nullptr;
+  }
+  void Serve(const Bytes& raw) {
+    ASSERT_EQ(static_cast<ssize_t>(raw.size()), write(m_service, raw.data(), raw.size()));
+  }
+  // The next frame the service's end receives, or what ended the wait for it.
+  HalLinkReadResult Request(HalLinkFrame* frame) {
+    return ReadHalLinkFrame(m_service, frame, std::chrono::steady_clock::now() + kPatience);
   }
   // Sends one TRAP on the callback connection and returns the TRAP_RESULT payload.
-  static Bytes PushTrap(int fd, const Bytes& trap) {
-    EXPECT_TRUE(WriteHalLinkFrame(fd, kHalLinkTrap, trap.data(), trap.size()));
+  Bytes PushTrap(const Bytes& trap) {
+    EXPECT_TRUE(WriteHalLinkFrame(m_service, kHalLinkTrap, trap.data(), trap.size()));
     HalLinkFrame answer;
-    EXPECT_EQ(HalLinkReadResult::kFrame,
-              ReadHalLinkFrame(fd, &answer, std::chrono::steady_clock::now() + kPatience));
+    EXPECT_EQ(HalLinkReadResult::kFrame, Request(&answer));
     EXPECT_EQ(kHalLinkTrapResult, answer.opcode);
     return answer.payload;
   }
 
   std::unique_ptr<HalDeathRecipient> m_recipient = NewHalDeathRecipient(&DeathProbe::OnDeath);
+  std::vector<int> m_fds;
+  int m_listener = -1;
+  int m_service = -1;
   Bytes m_reply;
 };
 
 // A command's bytes go out as they are and its reply comes back; a refusal keeps the connection,
 // an answer that cannot be accepted (or none) closes it for good.
 TEST_F(HostHalServiceTest, CommandAnswers) {
-  FakeService service(HalGeneration::kAidl);
+  Publish(HalGeneration::kAidl);
   const struct {
-    Bytes answer;
+    Bytes answer;  // written twice; empty: the service hangs up instead
     bool ok;
     Bytes reply;  // what the caller's vector holds afterwards
     bool closes;
@@ -218,25 +146,28 @@ TEST_F(HostHalServiceTest, CommandAnswers) {
       {{0x00, 0x00, 0x00, 0x00}, false, {0xEE}, true},                                // length 0
       {{0x02, 0x00, 0x00, 0x00, kHalLinkRegisterResult, 0x00}, false, {0xEE}, true},  // opcode
       {{0x01, 0x00, 0x00, 0x00, kHalLinkCommandResult}, false, {0xEE}, true},  // no status byte
-      {{}, false, {0xEE}, true},  // the service hangs up instead
+      {{}, false, {0xEE}, true},
   };
   const Bytes request = {0x01, 0x02, 0x03};
-  int ended = 0;
-  size_t requests = 0;
   for (const auto& c : cases) {
     SCOPED_TRACE(::testing::PrintToString(c.answer));
-    service.Script(c.answer);
-    std::shared_ptr<HalService> handle = GetAidlHalService();
+    std::shared_ptr<HalService> handle = Open();
     ASSERT_NE(nullptr, handle);
     EXPECT_EQ(HalGeneration::kAidl, handle->Generation());
-    m_reply = {0xEE};
-    EXPECT_EQ(c.ok, handle->SendCommand(request.data(), request.size(), &m_reply));
-    EXPECT_EQ(c.reply, m_reply);
-    EXPECT_EQ(request, service.Requests().back().payload);
-    EXPECT_TRUE(!c.closes || service.WaitConnectionsEnded(++ended));
-    EXPECT_EQ(c.ok, handle->SendCommand(request.data(), request.size(), &m_reply));
-    requests += c.closes ? 1 : 2;
-    EXPECT_EQ(requests, service.Requests().size());
+    Serve(c.answer);
+    Serve(c.answer);
+    if (c.answer.empty()) shutdown(m_service, SHUT_WR);
+    for (int call = 0; call < 2; ++call) {
+      m_reply = {0xEE};
+      EXPECT_EQ(c.ok, handle->SendCommand(request.data(), request.size(), &m_reply));
+      EXPECT_EQ(c.reply, m_reply);
+    }
+    HalLinkFrame frame;
+    for (int call = 0; call < (c.closes ? 1 : 2); ++call) {
+      ASSERT_EQ(HalLinkReadResult::kFrame, Request(&frame));
+      EXPECT_EQ(request, frame.payload);
+    }
+    EXPECT_TRUE(!c.closes || Request(&frame) == HalLinkReadResult::kClosed);
   }
 }
 
@@ -246,51 +177,55 @@ TEST_F(HostHalServiceTest, LookupsFindOnlyTheirOwnEndpoint) {
   setenv("TIDEWATCH_HAL_WAIT_MS", "0", 1);
   EXPECT_EQ(nullptr, GetAidlHalService());
 
-  FakeService hidl(HalGeneration::kHidl);
+  Publish(HalGeneration::kHidl);
   EXPECT_EQ(nullptr, CheckAidlHalService());
   std::shared_ptr<HalService> handle = GetHidlHalService();
   ASSERT_NE(nullptr, handle);
   EXPECT_EQ(HalGeneration::kHidl, handle->Generation());
-  EXPECT_TRUE(handle->SendCommand(nullptr, 0, &m_reply));
 }
 
 TEST_F(HostHalServiceTest, RegisteredConnectionServesTheCallback) {
-  FakeService service(HalGeneration::kAidl);
+  Publish(HalGeneration::kAidl);
   auto target = std::make_shared<RecordingTarget>();
   std::shared_ptr<HalService> handle = Open();
   ASSERT_NE(nullptr, handle);
   // A refused registration leaves a command connection.
-  service.Script(Answer({kHalLinkStatusOk}), 3);
+  Serve(Frame(kHalLinkRegisterResult, {3}));
   EXPECT_FALSE(handle->RegisterTrapCallback("7", target));
+  Serve(Answer({0x00}));
   EXPECT_TRUE(handle->SendCommand(nullptr, 0, &m_reply));
-
-  service.Script(Answer({kHalLinkStatusOk}));
+  Serve(Frame(kHalLinkRegisterResult, {kHalLinkStatusOk}));
   ASSERT_TRUE(handle->RegisterTrapCallback("5trapd", target));
-  HalLinkFrame registration = service.Requests().back();
-  EXPECT_EQ(kHalLinkRegisterTrapCallback, registration.opcode);
-  EXPECT_EQ(Bytes({'5', 't', 'r', 'a', 'p', 'd'}), registration.payload);
-
-  // The connection now belongs to the callback.
+  const std::pair<uint8_t, Bytes> requests[] = {
+      {kHalLinkRegisterTrapCallback, {'7'}},
+      {kHalLinkCommand, {}},
+      {kHalLinkRegisterTrapCallback, {'5', 't', 'r', 'a', 'p', 'd'}}};
+  for (const auto& want : requests) {
+    HalLinkFrame frame;
+    ASSERT_EQ(HalLinkReadResult::kFrame, Request(&frame));
+    EXPECT_EQ(want, std::make_pair(frame.opcode, frame.payload));
+  }
+  // The connection now belongs to the callback: nothing more goes out.
   EXPECT_FALSE(handle->SendCommand(nullptr, 0, &m_reply));
   EXPECT_FALSE(handle->RegisterTrapCallback("6trapd", target));
-  EXPECT_EQ(3u, service.Requests().size());
+  uint8_t byte;
+  EXPECT_EQ(-1, recv(m_service, &byte, 1, MSG_DONTWAIT));
 
   // The callback outlives the handle, and answers with the target's result.
   handle.reset();
-  int fd = service.CallbackFd();
-  EXPECT_EQ(Bytes({1}), PushTrap(fd, {9, 8, 7}));
-  target->answer = false;
-  EXPECT_EQ(Bytes({0}), PushTrap(fd, {}));
+  EXPECT_EQ(Bytes({1}), PushTrap({9, 8, 7}));
+  EXPECT_EQ(Bytes({0}), PushTrap({}));
   EXPECT_EQ(std::vector<Bytes>({{9, 8, 7}, {}}), target->Received());
 }
 
 TEST_F(HostHalServiceTest, DeathRunsEveryLinkOnceOnAnotherThread) {
+  Publish(HalGeneration::kAidl);
   for (bool registered : {false, true}) {
     SCOPED_TRACE(registered ? "registered" : "commands only");
-    FakeService service(HalGeneration::kAidl);
     std::shared_ptr<HalService> handle = Open();
     ASSERT_NE(nullptr, handle);
     if (registered) {
+      Serve(Frame(kHalLinkRegisterResult, {kHalLinkStatusOk}));
       ASSERT_TRUE(handle->RegisterTrapCallback("9", std::make_shared<RecordingTarget>()));
     }
     DeathProbe first, second;
@@ -298,7 +233,7 @@ TEST_F(HostHalServiceTest, DeathRunsEveryLinkOnceOnAnotherThread) {
     ASSERT_EQ(0, handle->LinkToDeath(m_recipient.get(), &second));
     EXPECT_NE(0, handle->LinkToDeath(nullptr, &first));
 
-    service.CloseConnections(1);
+    shutdown(m_service, SHUT_RDWR);  // as a dying service does
     ASSERT_TRUE(first.WaitCalls(1));
     ASSERT_TRUE(second.WaitCalls(1));
     EXPECT_NE(std::this_thread::get_id(), first.thread);
@@ -315,24 +250,23 @@ TEST_F(HostHalServiceTest, DeathRunsEveryLinkOnceOnAnotherThread) {
 // Destroying a handle is no death; a death handler may drop the last reference to its handle,
 // which then dies on its own watcher thread.
 TEST_F(HostHalServiceTest, DeathHandlerMayReleaseItsHandle) {
-  FakeService service(HalGeneration::kAidl);
+  Publish(HalGeneration::kAidl);
   DeathProbe unlinked, probe;
   std::shared_ptr<HalService> handle = Open();
   ASSERT_NE(nullptr, handle);
   ASSERT_EQ(0, handle->LinkToDeath(m_recipient.get(), &unlinked));
   handle.reset();
-  EXPECT_TRUE(service.WaitConnectionsEnded(1));
-  EXPECT_EQ(0, unlinked.calls);
+  HalLinkFrame frame;
+  EXPECT_EQ(HalLinkReadResult::kClosed, Request(&frame));
 
   handle = Open();
   ASSERT_NE(nullptr, handle);
   ASSERT_EQ(0, handle->LinkToDeath(m_recipient.get(), &probe));
-  EXPECT_TRUE(handle->SendCommand(nullptr, 0, &m_reply));
   {
     std::lock_guard<std::mutex> lock(probe.mutex);
     probe.handle = std::move(handle);
   }
-  service.CloseConnections(2);
+  shutdown(m_service, SHUT_RDWR);
   ASSERT_TRUE(probe.WaitCalls(1));
   std::lock_guard<std::mutex> lock(probe.mutex);
   EXPECT_EQ(nullptr, probe.handle);
