@@ -80,49 +80,30 @@ class SocketListenerTest : public ::testing::Test {
 };
 
 // A client sends in two pieces and closes: the exact bytes are read, and the connection is
-// removed once the close was seen, whether or not anyone consumes the bytes.
+// removed once the close was seen, whether or not anyone consumes the bytes. A name longer than
+// an address holds is cut to its first 107 bytes.
 TEST_F(SocketListenerTest, ServesAClientAndRemovesItAfterItCloses) {
   for (bool withHandler : {true, false}) {
     SCOPED_TRACE(withHandler ? "with handler" : "without handler");
     LogCapture log(kLogDebug);
     std::string name = UniqueSocketName(withHandler ? "h" : "n");
+    name += std::string(150 - name.size(), 'x');
     RecordingHandler recorder;
     SocketListener listener(name.c_str());
     if (withHandler) listener.SetHandler(&recorder);
-    int fd = ConnectAbstract(name);
+    EXPECT_LT(Connect(name.substr(0, 106)), 0);
+    int fd = ConnectAbstract(name.substr(0, 107));
     ASSERT_GE(fd, 0);
-    ASSERT_TRUE(log.WaitForText("Accept a client."));
-    int accepted = -1;
-    for (const std::string& line : log.Lines())
-      sscanf(line.c_str(), "D Accept a client. fd = [%d]", &accepted);
-    ASSERT_GE(accepted, 0);
-
     const std::string first("\xAE\xCD\0\xFF", 4);
     ASSERT_TRUE(WriteText(fd, first));
-    if (withHandler) {
-      ASSERT_EQ(recorder.WaitForBytes(4), first);
-      EXPECT_EQ(recorder.address(), "");  // an unbound peer has no name
-    }
+    EXPECT_EQ(recorder.WaitForBytes(withHandler ? 4 : 0), withHandler ? first : "");
     ASSERT_TRUE(WriteText(fd, "second"));
-    if (withHandler) {
-      EXPECT_EQ(recorder.WaitForBytes(10), first + "second");
-    }
+    EXPECT_EQ(recorder.WaitForBytes(withHandler ? 10 : 0), withHandler ? first + "second" : "");
+    EXPECT_EQ(recorder.address(), withHandler ? "" : "(none)");  // an unbound peer has no name
     close(fd);
-    EXPECT_TRUE(log.WaitForText("RemoveSocket fd = [" + std::to_string(accepted) + "]"));
+    EXPECT_TRUE(log.WaitForText("RemoveSocket fd = ["));
     EXPECT_EQ(log.Lines(kLogError), std::vector<std::string>{});  // a healthy run logs no error
   }
-}
-
-TEST_F(SocketListenerTest, NameLongerThan107BytesIsCut) {
-  std::string name = UniqueSocketName();
-  name += std::string(150 - name.size(), 'x');
-  SocketListener listener(name.c_str());
-  listener.SetHandler(&handler);
-  EXPECT_LT(Connect(name.substr(0, 106)), 0);
-  int fd = Connect(name.substr(0, 107));
-  ASSERT_GE(fd, 0);
-  ASSERT_TRUE(WriteText(fd, "ok"));
-  EXPECT_EQ(handler.WaitForBytes(2), "ok");
 }
 
 // The loop driven by hand, on a listener whose own socket could not be set up: a second AddSocket
