@@ -24,9 +24,13 @@ class DoMainHostTest : public tidewatch_test::DoMainFixture {
   DoMainHostTest() : DoMainFixture(&DoMain) {}
 };
 
-TEST_F(DoMainHostTest, IdConversions) {
+TEST_F(DoMainHostTest, ArgumentValues) {
   const std::string max = "18446744073709551615";
+  const std::string name(300, 'n');
   RunCases({
+      {"--set-trap-receiver sessionId=3 servername=" + name, kNone,
+       "resp = [9], doerId = [0], sessionId = [3], servername = [" + name.substr(0, 127) + "]\n",
+       9},
       {"--close-session sessionId=12abc", kNone, "Failed to convert [12abc] to uint64_t.", 0},
       {"--close-session sessionId=abc", kNone,
        "strtoull return 0 [abc] to uint64_t.Failed to convert [abc] to uint64_t.", 0},
@@ -87,25 +91,17 @@ TEST_F(DoMainHostTest, SubscriptionChecksTypeThenSessionThenMsgId) {
 }
 
 TEST_F(DoMainHostTest, DebugLevelWordsAreCheckedAsRead) {
-  for (const char* word : {"level=0", "level=-1", "level=7", "level=9", "level=11", "level=abc"}) {
-    RunCases({{std::string("--set-debug-level doerId=3 ") + word, kNone,
-               std::string("invalid option: ") + word + kUsage, -1}});
-  }
   // A bad level is refused even when the doer id is missing too: words come first.
-  RunCases({{"--set-debug-level level=8", kNone, "invalid option: level=8" + kUsage, -1}});
-  for (const char* word : {"level=1", "level=6", "level=10"}) {
-    RunCases({{std::string("--set-debug-level doerId=3 ") + word, kNone,
-               "resp = [9], doerId = [3]\n", 9}});
+  std::vector<Case> cases = {
+      {"--set-debug-level level=8", kNone, "invalid option: level=8" + kUsage, -1}};
+  for (std::string word : {"level=0", "level=-1", "level=7", "level=11", "level=abc"}) {
+    cases.push_back(
+        {"--set-debug-level doerId=3 " + word, kNone, "invalid option: " + word + kUsage, -1});
   }
-}
-
-TEST_F(DoMainHostTest, ServerNameIsCutTo127Characters) {
-  std::string name(300, 'n');
-  int status = 0;
-  std::string out = Run({"--set-trap-receiver", "sessionId=3", "servername=" + name}, &status);
-  EXPECT_EQ(out, "resp = [9], doerId = [0], sessionId = [3], servername = [" + name.substr(0, 127) +
-                     "]\n");
-  EXPECT_EQ(status, 9);
+  for (std::string word : {"level=1", "level=6", "level=10"}) {
+    cases.push_back({"--set-debug-level doerId=3 " + word, kNone, "resp = [9], doerId = [3]\n", 9});
+  }
+  RunCases(cases);
 }
 
 }  // namespace

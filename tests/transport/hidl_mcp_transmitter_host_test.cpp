@@ -33,17 +33,13 @@ class HIDLMCPTransmitterTest : public ::testing::Test {
   // How long the blocking AIDL lookup waits; short where the service is absent on purpose.
   static void SetWaitMs(int ms) { setenv("TIDEWATCH_HAL_WAIT_MS", std::to_string(ms).c_str(), 1); }
 
-  // Sends a list-session command and checks that the service answered it.
+  // Sends a list-session command; true when the service answered it (with a refusal: there is
+  // no session), false when nothing or no reply got through.
   static bool SendsAndGetsReply(HIDLMCPTransmitter& tx) {
-    MCPInfo request;
-    request.SetData(MCP_TYPE_CMD, sizeof(kListRequest),
-                    reinterpret_cast<const uint8_t*>(kListRequest), false);
-    MCPInfo* reply = nullptr;
-    if (!tx.Send(request, &reply, nullptr)) return false;
-    std::unique_ptr<MCPInfo> owned(reply);
-    if (reply == nullptr || reply->type != MCP_TYPE_REPLY) return false;
-    std::string text(reinterpret_cast<const char*>(reply->data), reply->length);
-    return text.find(R"("method":"list")") != std::string::npos;
+    std::vector<uint64_t> ids;
+    const int32_t result = JsonCmdEncoder(&tx).ListSession(0, ids);
+    EXPECT_NE(result, 0);
+    return result != MONITOR_RESULT_SEND_FAILED && result != MONITOR_RESULT_BAD_REPLY;
   }
 
   // Polls `done` until it holds, within a generous guard time.
@@ -55,9 +51,6 @@ class HIDLMCPTransmitterTest : public ::testing::Test {
     return false;
   }
 
-  static constexpr char kListRequest[] =
-      R"({"api":"Tidewatch.Session","arg":{"doerId":0},"method":"list","version":1})"
-      "\n";
   static constexpr char kAidlConnected[] = "D HIDLMCPTransmitter AIDL service connect: true";
   static constexpr char kHidlConnected[] = "D HIDLMCPTransmitter HIDL service connect: true";
   static constexpr char kHidlFailed[] = "E HIDLMCPTransmitter HIDL service connect: false";
