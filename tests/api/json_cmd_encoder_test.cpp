@@ -52,7 +52,6 @@ class JsonCmdEncoderTest : public ::testing::Test {
 };
 
 TEST_F(JsonCmdEncoderTest, RequestBytes) {
-  std::vector<uint64_t> ids;
   const struct {
     std::function<void(JsonCmdEncoder&)> call;
     std::string json;
@@ -61,8 +60,6 @@ TEST_F(JsonCmdEncoderTest, RequestBytes) {
        R"({"api":"Tidewatch.Session","method":"create","version":1})"},
       {[](JsonCmdEncoder& e) { e.CreateSession("MgrSecret"); },
        R"({"api":"Tidewatch.Session","arg":{"secret":"MgrSecret"},"method":"create","version":1})"},
-      {[](JsonCmdEncoder& e) { e.CloseSession(0, 7); },
-       R"({"api":"Tidewatch.Session","arg":{"sessionId":7},"method":"close","version":1})"},
       {[](JsonCmdEncoder& e) { e.SubscribeTrap(5, 7, TRAP_TYPE_EM, 1234, false); },
        R"({"api":"Tidewatch.Trap","arg":{"async":0,"doerId":5,"msgId":1234,"sessionId":7,)"
        R"("type":"EM"},"method":"subscribe","version":1})"},
@@ -72,8 +69,6 @@ TEST_F(JsonCmdEncoderTest, RequestBytes) {
       {[](JsonCmdEncoder& e) { e.SetTrapReceiver(0, 12, "srv"); },
        R"({"api":"Tidewatch.Trap.Receiver","arg":{"server_name":"12srv","sessionId":12},)"
        R"("method":"set","version":1})"},
-      {[&](JsonCmdEncoder& e) { e.ListSession(0, ids); },
-       R"({"api":"Tidewatch.Session","arg":{"doerId":0},"method":"list","version":1})"},
       {[](JsonCmdEncoder& e) { e.SetDebugLevel(0, MONITOR_DEBUG_LEVEL_DISABLE); },
        R"({"api":"Tidewatch.DebugLevel","arg":{"doerId":0,"level":10},"method":"set","version":1})"},
   };
@@ -123,8 +118,6 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
       {MCP_TYPE_REPLY, "[1,2]", 10, "Reply is not Json object"},
       {MCP_TYPE_REPLY, R"({"method":"close","version":1,"ret":0})", 10,
        "Key: [api] is not found in JSON reply:"},
-      {MCP_TYPE_REPLY, R"({"api":5,"method":"close","version":1,"ret":0})", 10,
-       "Type of [api] is not correct in JSON reply:"},
       {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Trap","method":"close","version":1,"ret":0})", 10,
        "Reply API [Tidewatch.Trap] != Command API [Tidewatch.Session]"},
       {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Session","method":"open","version":1,"ret":0})", 10,
@@ -146,11 +139,9 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
     fake.replyType = c.type;
     ReplyWith(c.json);
     EXPECT_EQ(encoder.CloseSession(0, 1), c.result) << c.json;
-    if (c.log.empty()) {
-      EXPECT_TRUE(log_.Lines().empty()) << c.json << ": " << log_.Lines().front();
-    } else {
-      EXPECT_EQ(log_.Lines(), std::vector<std::string>{"E " + c.log}) << c.json;
-    }
+    EXPECT_EQ(log_.Lines(),
+              c.log.empty() ? std::vector<std::string>{} : std::vector<std::string>{"E " + c.log})
+        << c.json;
   }
   // Without its closing NUL a reply loses its last character to it, and does not parse.
   fake.replyPayload = head + R"("version":1,"ret":0})";
@@ -216,8 +207,6 @@ TEST_F(JsonCmdEncoderTest, FailedGetAndListLeaveTheirOutputsUntouched) {
        "Type of [trapEnabled] is not correct in JSON reply:"},
       {"get", R"({"trapEnabled":true,"trapReceiverHost":"h"})",
        "Key: [subscribedTraps] is not found in JSON reply:"},
-      {"get", R"({"trapEnabled":true,"subscribedTraps":[[1]],"trapReceiverHost":5})",
-       "Type of [trapReceiverHost] is not correct in JSON reply:"},
       {"get", R"({"trapEnabled":true,"subscribedTraps":[[1,"2"]],"trapReceiverHost":"h"})",
        "Type of [subscribedTraps] is not correct in JSON reply:"},
       {"get", "null", "Type of [data] is not correct in JSON reply:"},
@@ -275,8 +264,6 @@ TEST_F(JsonCmdEncoderTest, NegativeUnsignedThrows) {
        [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }, "Real out of UInt64 range"},
       {session + R"("close","version":-1,"ret":0})",
        [](JsonCmdEncoder& e) { e.CloseSession(0, 1); }},
-      {session + R"("create","version":1,"ret":0,"data":{"sessionId":-3}})",
-       [](JsonCmdEncoder& e) { e.CreateSession(nullptr); }},
       {session + R"("list","version":1,"ret":0,"data":{"sid_list":[4,-1]}})",
        [&](JsonCmdEncoder& e) { e.ListSession(0, ids); }},
       {session + R"("get","version":1,"ret":0,"data":{"trapEnabled":true,)"

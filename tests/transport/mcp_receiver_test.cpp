@@ -34,11 +34,8 @@ Bytes B(const std::string& s) { return Bytes(s.begin(), s.end()); }
 
 class McpReceiverTest : public ::testing::Test {
  protected:
-  struct Seen {
-    MCP_TYPE type;
-    std::string payload;
-    bool operator==(const Seen& o) const { return type == o.type && payload == o.payload; }
-  };
+  // A packet as the handler saw it: "C:", "R:" or "T:" for its type, then its payload.
+  using Seen = std::string;
 
   // Records every packet; answers with `answer` when it is set; notices overlapping calls.
   class RecordingHandler : public PayloadHandlerInterface {
@@ -48,7 +45,8 @@ class McpReceiverTest : public ::testing::Test {
       std::this_thread::yield();  // widens the window in which a second caller would overlap
       {
         std::lock_guard<std::mutex> lock(m_mutex);
-        m_seen.push_back({in.type, std::string(reinterpret_cast<const char*>(in.data), in.length)});
+        m_seen.push_back(std::string(1, "?CRT"[in.type]) + ":" +
+                         std::string(reinterpret_cast<const char*>(in.data), in.length));
         m_changed.notify_all();
       }
       if (!answer.empty()) out.SetData(MCP_TYPE_REPLY, answer.size(), answer.data(), true);
@@ -126,8 +124,8 @@ TEST_F(McpReceiverTest, StreamCutAnywhereGivesEveryPacketOnceInOrder) {
   const Bytes inner = McpPacket(MCP_TYPE_CMD, B("inner"));
   const Bytes stream =
       Concat({McpPacket(MCP_TYPE_TRAP, inner), McpPacket(MCP_TYPE_CMD, B(std::string("2\0", 2)))});
-  const std::vector<Seen> expected = {{MCP_TYPE_TRAP, std::string(inner.begin(), inner.end())},
-                                      {MCP_TYPE_CMD, std::string("2\0", 2)}};
+  const std::vector<Seen> expected = {"T:" + std::string(inner.begin(), inner.end()),
+                                      std::string("C:2\0", 4)};
   auto link = NewLink();
   for (size_t cut = 0; cut < stream.size(); ++cut) {  // cut 0: both packets in one read
     SCOPED_TRACE("cut at " + std::to_string(cut));
@@ -160,10 +158,8 @@ TEST_F(McpReceiverTest, HalfPacketBelongsToItsConnection) {
     a.reset();
     auto fresh = NewLink();
     EXPECT_TRUE(Feed(*fresh, McpPacket(MCP_TYPE_TRAP, B("whole"))));
-    EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "from b"},
-                                                     {MCP_TYPE_TRAP, "from callback"},
-                                                     {MCP_TYPE_TRAP, "payload of a"},
-                                                     {MCP_TYPE_TRAP, "whole"}}));
+    EXPECT_EQ(handler.TakeSeen(),
+              (std::vector<Seen>{"T:from b", "T:from callback", "T:payload of a", "T:whole"}));
   }
 }
 
@@ -177,12 +173,12 @@ TEST_F(McpReceiverTest, HandlerTableTakesOnlyDefinedTypes) {
   EXPECT_TRUE(
       Feed(*link, Concat({McpPacket(MCP_TYPE_CMD, B("c")), McpPacket(MCP_TYPE_REPLY, B("r")),
                           McpPacket(MCP_TYPE_TRAP, B("t"))})));
-  EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_REPLY, "r"}, {MCP_TYPE_TRAP, "t"}}));
+  EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{"R:r", "T:t"}));
   EXPECT_TRUE(other.TakeSeen().empty());
 
   receiver.SetPayloadHandler(MCP_TYPE_TRAP, &other);  // a later call replaces the handler
   EXPECT_TRUE(Callback(McpPacket(MCP_TYPE_TRAP, B("t2"))));
-  EXPECT_EQ(other.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "t2"}}));
+  EXPECT_EQ(other.TakeSeen(), (std::vector<Seen>{"T:t2"}));
 }
 
 TEST_F(McpReceiverTest, AnswersGoBackTheWayThePacketCame) {
@@ -218,12 +214,11 @@ TEST_F(McpReceiverTest, CallbackHandlesOnlyTheFirstWholePacket) {
     LogCapture log(kLogError);
     EXPECT_EQ(Callback(c.buffer), c.ok);
     EXPECT_EQ(log.Contains("E Failed to parse MCP from buffer"), !c.ok);
-    EXPECT_EQ(handler.TakeSeen(),
-              c.ok ? (std::vector<Seen>{{MCP_TYPE_TRAP, "1st"}}) : std::vector<Seen>{});
+    EXPECT_EQ(handler.TakeSeen(), c.ok ? (std::vector<Seen>{"T:1st"}) : std::vector<Seen>{});
     // A failed buffer leaves no half packet behind for either road.
     auto link = NewLink();
     EXPECT_TRUE(Feed(*link, McpPacket(MCP_TYPE_TRAP, B("next"))));
-    EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{{MCP_TYPE_TRAP, "next"}}));
+    EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{"T:next"}));
   }
 }
 
@@ -274,9 +269,9 @@ TEST_F(McpReceiverTest, BothRoadsAtOnceAreSerialised) {
   // Each sender's packets arrive whole and in the order sent.
   int next[6] = {};
   for (const Seen& s : seen) {
-    const int t = s.payload[0] - '0';
-    ASSERT_TRUE(t >= 0 && t < 6) << s.payload;
-    EXPECT_EQ(s.payload, std::to_string(t) + "." + std::to_string(next[t]++));
+    const int t = s[2] - '0';
+    ASSERT_TRUE(t >= 0 && t < 6) << s;
+    EXPECT_EQ(s, "T:" + std::to_string(t) + "." + std::to_string(next[t]++));
   }
 }
 
