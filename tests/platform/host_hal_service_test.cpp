@@ -171,19 +171,6 @@ TEST_F(HostHalServiceTest, CommandAnswers) {
   }
 }
 
-TEST_F(HostHalServiceTest, LookupsFindOnlyTheirOwnEndpoint) {
-  EXPECT_EQ(nullptr, CheckAidlHalService());
-  EXPECT_EQ(nullptr, GetHidlHalService());
-  setenv("TIDEWATCH_HAL_WAIT_MS", "0", 1);
-  EXPECT_EQ(nullptr, GetAidlHalService());
-
-  Publish(HalGeneration::kHidl);
-  EXPECT_EQ(nullptr, CheckAidlHalService());
-  std::shared_ptr<HalService> handle = GetHidlHalService();
-  ASSERT_NE(nullptr, handle);
-  EXPECT_EQ(HalGeneration::kHidl, handle->Generation());
-}
-
 TEST_F(HostHalServiceTest, RegisteredConnectionServesTheCallback) {
   Publish(HalGeneration::kAidl);
   auto target = std::make_shared<RecordingTarget>();
