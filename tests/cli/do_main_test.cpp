@@ -20,7 +20,7 @@ class DoMainTest : public tidewatch_test::DoMainFixture {
   DoMainTest() : DoMainFixture(&DoMain) {}
 };
 
-TEST_F(DoMainTest, OptionSelection) {
+TEST_F(DoMainTest, OptionsAndWords) {
   RunCases({
       {"", kNone, kUsage, -1},
       {"sessionId=5", kNone, kUsage, -1},
@@ -33,11 +33,7 @@ TEST_F(DoMainTest, OptionSelection) {
       // Only the first option is an option; a second one is a word like any other.
       {"--close-session sessionId=5 --enable-trap", kNone, "invalid option: --enable-trap" + kUsage,
        -1},
-  });
-}
-
-TEST_F(DoMainTest, WordsAreRefusedPerCommand) {
-  RunCases({
+      // Each command takes only its own words.
       {"--create-session sessionId=1", kNone, "invalid option: sessionId=1" + kUsage, -1},
       {"--close-session type=EM", kNone, "invalid option: type=EM" + kUsage, -1},
       {"--enable-trap msgId=3", kNone, "invalid option: msgId=3" + kUsage, -1},
@@ -51,20 +47,14 @@ TEST_F(DoMainTest, WordsAreRefusedPerCommand) {
       {"--close-session session=4", kNone, "invalid option: session=4" + kUsage, -1},
       // The first word decides: a refused word ends the run before a later bad value.
       {"--close-session x=1 sessionId=abc", kNone, "invalid option: x=1" + kUsage, -1},
+      // The last level word is the one checked; a refused level leaves the file alone.
+      {"--create-session level=0 level=3", "55", "Value of [level] is invalid: [3]" + kUsage, -1},
+      {"--create-session level=0 level=-1", "55", "Value of [level] is invalid: [-1]" + kUsage, -1},
+      {"--create-session level=2147483647", "55",
+       "Value of [level] is invalid: [2147483647]" + kUsage, -1},
+      {"--create-session level=-2147483648", "55",
+       "Value of [level] is invalid: [-2147483648]" + kUsage, -1},
   });
-}
-
-TEST_F(DoMainTest, CreateSessionRefusesLevelsOutsideZeroToTwo) {
-  for (const char* word : {"level=3", "level=-1", "level=2147483647", "level=-2147483648"}) {
-    SCOPED_TRACE(word);
-    WriteSessionFile("55");
-    int status = 0;
-    // The last level word is the one checked.
-    std::string out = Run({"--create-session", "level=0", word}, &status);
-    EXPECT_EQ(out, std::string("Value of [level] is invalid: [") + (word + 6) + "]" + kUsage);
-    EXPECT_EQ(status, -1);
-    EXPECT_EQ(dir_.Read("current_session"), "55") << "a refused level must not touch the file";
-  }
 }
 
 }  // namespace

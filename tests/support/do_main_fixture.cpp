@@ -21,9 +21,10 @@ void DoMainFixture::SetUp() {
 
 void DoMainFixture::TearDown() { EXPECT_TRUE(dir_.Leave()); }
 
-std::string DoMainFixture::Run(const std::vector<std::string>& args, int* status) {
+std::string DoMainFixture::Run(const std::string& args, int* status) {
   std::vector<std::string> storage = {"tide_watch_ctrl"};
-  storage.insert(storage.end(), args.begin(), args.end());
+  std::istringstream words(args);
+  for (std::string word; words >> word;) storage.push_back(word);
   std::vector<char*> argv;
   for (std::string& s : storage) argv.push_back(&s[0]);
   argv.push_back(nullptr);
@@ -31,22 +32,17 @@ std::string DoMainFixture::Run(const std::vector<std::string>& args, int* status
                        [&] { *status = m_entry(static_cast<int>(argv.size()) - 1, argv.data()); });
 }
 
-void DoMainFixture::WriteSessionFile(const char* content) {
-  unlink("current_session");
-  if (content == nullptr) return;
-  std::ofstream("current_session", std::ios::binary) << content;
-}
-
 void DoMainFixture::RunCases(const std::vector<Case>& cases) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args + " | file: " + (c.sessionFile ? c.sessionFile : "none"));
-    std::vector<std::string> args;
-    std::istringstream words(c.args);
-    for (std::string word; words >> word;) args.push_back(word);
-    WriteSessionFile(c.sessionFile);
+    unlink("current_session");
+    if (c.sessionFile != nullptr) std::ofstream("current_session") << c.sessionFile;
     int status = 0;
-    EXPECT_EQ(Run(args, &status), c.out);
+    EXPECT_EQ(Run(c.args, &status), c.out);
     EXPECT_EQ(status, c.status);
+    // Without a service no command succeeds, and a failed one never touches the file.
+    EXPECT_EQ(c.sessionFile ? dir_.Read("current_session") : "",
+              c.sessionFile ? c.sessionFile : "");
   }
 }
 

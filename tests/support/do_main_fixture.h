@@ -56,11 +56,9 @@ class DoMainFixture : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // Runs the entry point on "tide_watch_ctrl" + args and returns what it printed.
-  std::string Run(const std::vector<std::string>& args, int* status);
-  // Replaces ./current_session with `content`, or removes it for kNone.
-  static void WriteSessionFile(const char* content);
-  // Runs every case and compares output and status.
+  // Runs the entry point on "tide_watch_ctrl" + args (split at spaces) and returns what it printed.
+  std::string Run(const std::string& args, int* status);
+  // Runs every case, each with ./current_session as it says, and compares output and status.
   void RunCases(const std::vector<Case>& cases);
 
   LogCapture quiet_{libtidewatch::kLogError};  // the errors the commands log are expected
