@@ -1,9 +1,6 @@
 #include "libtidewatch/transport/mcp_handler.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <memory>
@@ -11,7 +8,6 @@
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
-#include "libtidewatch/transport/socket_connection.h"
 #include "tests/support/log_capture.h"
 
 namespace libtidewatch {
@@ -21,8 +17,6 @@ using Bytes = std::vector<uint8_t>;
 
 class MCPHandlerTest : public ::testing::Test {
  protected:
-  void TearDown() override { close(peer); }
-
   static Bytes Header(uint16_t typeMagic, uint32_t length) {
     Bytes b = {0xAE, 0xCD, 0xE8, 0xF4, uint8_t(typeMagic), uint8_t(typeMagic >> 8)};
     for (int i = 0; i < 4; ++i) b.push_back(uint8_t(length >> (8 * i)));
@@ -41,23 +35,8 @@ class MCPHandlerTest : public ::testing::Test {
   static Bytes Held(const DataQueue& q) { return Bytes(q.Front(), q.Front() + q.size); }
   static std::string Text(const MCPInfo& m) { return std::string(m.data, m.data + m.length); }
 
-  // A connection over one end of a socket pair; the test plays the peer on the other end.
-  void Connect() {
-    int fds[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-    fcntl(fds[0], F_SETFL, fcntl(fds[0], F_GETFL) | O_NONBLOCK);
-    conn.reset(new SocketConnection(fds[0], "peer"));
-    peer = fds[1];
-  }
-  void PeerSend(const Bytes& b) {
-    ASSERT_EQ(write(peer, b.data(), b.size()), ssize_t(b.size()));
-    ASSERT_TRUE(conn->ReadToBuffer());
-  }
-
   tidewatch_test::LogCapture log_{kLogError};
   std::unique_ptr<DataQueue> q{new DataQueue};  // too big for a test's stack frame
-  std::unique_ptr<SocketConnection> conn;
-  int peer = -1;
 };
 
 // A malformed packet is dropped with one error line, writes nothing and counts as written.
@@ -177,26 +156,6 @@ TEST_F(MCPHandlerTest, OneShotReaderRefusesBuffersItCannotHold) {
     EXPECT_FALSE(MCPHandler::ProcessFromBuffer(c.bytes, c.len, none, nullptr)) << c.error;
     EXPECT_EQ(log_.Lines(), std::vector<std::string>{std::string("E ") + c.error});
   }
-}
-
-TEST_F(MCPHandlerTest, StreamReaderCompletesAPendingHeaderWithoutSearchingAgain) {
-  Connect();
-  SetLogThreshold(kLogDebug);
-  Bytes packet = Packet(0xCAAC, "hello");
-  PeerSend(Bytes(packet.begin(), packet.begin() + 12));
-  MCPInfo io;
-  EXPECT_FALSE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
-  EXPECT_TRUE(log_.Contains("D Data size [2] < Payload length [5]. Wait for next time."));
-  EXPECT_EQ(io.length, 5u);
-  EXPECT_EQ(io.data, nullptr);
-
-  PeerSend(Bytes(packet.begin() + 12, packet.end()));
-  log_.Clear();
-  ASSERT_TRUE(MCPHandler::ProcessFromBuffer(*conn, io, nullptr));
-  EXPECT_FALSE(log_.Contains("D MCPHandler::SearchHeader"));
-  EXPECT_EQ(io.type, MCP_TYPE_TRAP);
-  EXPECT_EQ(Text(io), "hello");
-  EXPECT_EQ(conn->ReadQueue().size, 0u);
 }
 
 // SetData clamps even a borrowed length, and may re-set a packet from its own payload.
