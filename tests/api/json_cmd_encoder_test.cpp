@@ -60,9 +60,6 @@ TEST_F(JsonCmdEncoderTest, RequestBytes) {
        R"({"api":"Tidewatch.Session","method":"create","version":1})"},
       {[](JsonCmdEncoder& e) { e.CreateSession("MgrSecret"); },
        R"({"api":"Tidewatch.Session","arg":{"secret":"MgrSecret"},"method":"create","version":1})"},
-      {[](JsonCmdEncoder& e) { e.SubscribeTrap(5, 7, TRAP_TYPE_EM, 1234, false); },
-       R"({"api":"Tidewatch.Trap","arg":{"async":0,"doerId":5,"msgId":1234,"sessionId":7,)"
-       R"("type":"EM"},"method":"subscribe","version":1})"},
       {[](JsonCmdEncoder& e) { e.UnsubscribeTrap(0, UINT64_MAX, TRAP_TYPE_ICD_EVENT, 0, true); },
        R"({"api":"Tidewatch.Trap","arg":{"async":1,"msgId":0,"sessionId":18446744073709551615,)"
        R"("type":"ICD_EVENT"},"method":"unsubscribe","version":1})"},
@@ -116,8 +113,6 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
       // Nested past the JSON reader's depth limit, which makes the reader throw.
       {MCP_TYPE_REPLY, std::string(1001, '['), 10, "Cannot parse reply in Json."},
       {MCP_TYPE_REPLY, "[1,2]", 10, "Reply is not Json object"},
-      {MCP_TYPE_REPLY, R"({"method":"close","version":1,"ret":0})", 10,
-       "Key: [api] is not found in JSON reply:"},
       {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Trap","method":"close","version":1,"ret":0})", 10,
        "Reply API [Tidewatch.Trap] != Command API [Tidewatch.Session]"},
       {MCP_TYPE_REPLY, R"({"api":"Tidewatch.Session","method":"open","version":1,"ret":0})", 10,
@@ -127,7 +122,6 @@ TEST_F(JsonCmdEncoderTest, ReplyChecks) {
       {MCP_TYPE_REPLY, head + R"("version":2,"ret":0})", 10,
        "Reply Version [2] != Command Version [1]"},
       {MCP_TYPE_REPLY, head + R"("version":4294967297,"ret":0})", 0, ""},
-      {MCP_TYPE_REPLY, head + R"("version":1.9,"ret":0})", 0, ""},
       {MCP_TYPE_REPLY, head + R"("version":1,"ret":null})", 10,
        "Type of [ret] is not correct in JSON reply:"},
       {MCP_TYPE_REPLY, head + R"("version":1,"ret":16})", 10, "ret is invalid. [16]"},
@@ -162,7 +156,6 @@ TEST_F(JsonCmdEncoderTest, CreateSessionMixesIdsAndCodesUnlessAskedApart) {
       {head + R"("ret":5,"data":{"sessionId":42}})", 0, 5, kUntouched},
       {head + R"("ret":0,"data":{"sessionId":10}})", 10, 0, 10},  // an id equal to a code
       {head + R"("ret":0})", 10, 10, kUntouched},
-      {head + R"("ret":0,"data":{"sessionId":"42"}})", 10, 10, kUntouched},
       {head + R"("ret":16,"data":{"sessionId":42}})", 10, 10, kUntouched},
       {"[1,2]", 10, 10, kUntouched},  // no object: nothing is looked up in it
   };
@@ -209,8 +202,6 @@ TEST_F(JsonCmdEncoderTest, FailedGetAndListLeaveTheirOutputsUntouched) {
   } cases[] = {
       {"get", R"({"trapEnabled":1,"subscribedTraps":[[1]],"trapReceiverHost":"h"})",
        "Type of [trapEnabled] is not correct in JSON reply:"},
-      {"get", R"({"trapEnabled":true,"trapReceiverHost":"h"})",
-       "Key: [subscribedTraps] is not found in JSON reply:"},
       {"get", R"({"trapEnabled":true,"subscribedTraps":[[1,"2"]],"trapReceiverHost":"h"})",
        "Type of [subscribedTraps] is not correct in JSON reply:"},
       {"get", "null", "Type of [data] is not correct in JSON reply:"},

@@ -9,11 +9,13 @@
 
 #include "libtidewatch/platform/log.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/mcp_test_peer.h"
 
 namespace libtidewatch {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using tidewatch_test::Bytes;
+using tidewatch_test::Concat;
 
 class MCPHandlerTest : public ::testing::Test {
  protected:
@@ -26,11 +28,6 @@ class MCPHandlerTest : public ::testing::Test {
     Bytes b = Header(typeMagic, uint32_t(payload.size()));
     b.insert(b.end(), payload.begin(), payload.end());
     return b;
-  }
-  static Bytes Cat(std::initializer_list<Bytes> parts) {
-    Bytes all;
-    for (const Bytes& p : parts) all.insert(all.end(), p.begin(), p.end());
-    return all;
   }
   static Bytes Held(const DataQueue& q) { return Bytes(q.Front(), q.Front() + q.size); }
   static std::string Text(const MCPInfo& m) { return std::string(m.data, m.data + m.length); }
@@ -111,12 +108,12 @@ TEST_F(MCPHandlerTest, SearchHeaderResynchronises) {
     MCP_TYPE type;  // MCP_TYPE_NONE: no header found
     size_t length, left;
   } cases[] = {
-      {"garbage first", Cat({{1, 0xAE, 0xCD, 0xE8}, Packet(0x5775, "abc")}), MCP_TYPE_CMD, 3, 3},
-      {"header behind a bad type magic", Cat({magic, Packet(0xCAAC, "t")}), MCP_TYPE_TRAP, 1, 1},
-      {"length 0", Cat({Header(0x5875, 0), {1, 2, 3}}), MCP_TYPE_NONE, 0, 7},
-      {"length 131073", Cat({Header(0x5875, 131073), {1, 2, 3}}), MCP_TYPE_NONE, 0, 7},
+      {"garbage first", Concat({{1, 0xAE, 0xCD, 0xE8}, Packet(0x5775, "abc")}), MCP_TYPE_CMD, 3, 3},
+      {"header behind a bad type magic", Concat({magic, Packet(0xCAAC, "t")}), MCP_TYPE_TRAP, 1, 1},
+      {"length 0", Concat({Header(0x5875, 0), {1, 2, 3}}), MCP_TYPE_NONE, 0, 7},
+      {"length 131073", Concat({Header(0x5875, 131073), {1, 2, 3}}), MCP_TYPE_NONE, 0, 7},
       {"length 131072", Header(0x5875, 131072), MCP_TYPE_REPLY, 131072, 0},
-      {"nine bytes of a header", Cat({magic, {0x75, 0x57, 1, 0, 0}}), MCP_TYPE_NONE, 0, 9},
+      {"nine bytes of a header", Concat({magic, {0x75, 0x57, 1, 0, 0}}), MCP_TYPE_NONE, 0, 9},
       {"magic-like bytes only", Bytes(40, 0xAE), MCP_TYPE_NONE, 0, 9},
   };
   for (const auto& c : cases) {
@@ -140,7 +137,7 @@ TEST_F(MCPHandlerTest, SearchHeaderResynchronises) {
 // receiver, these are the buffers that never reach a search.
 TEST_F(MCPHandlerTest, OneShotReaderRefusesBuffersItCannotHold) {
   const Bytes tooBig(DataQueue::kCapacity + 1, 0);
-  const Bytes shortPayload = Cat({Header(0x5775, 5), {1, 2}});
+  const Bytes shortPayload = Concat({Header(0x5775, 5), {1, 2}});
   const struct {
     const uint8_t* bytes;
     size_t len;
