@@ -86,6 +86,10 @@ class HostHalServiceTest : public testing::Test {
     std::string prefix = "test-" + std::to_string(getpid()) + "-" + std::to_string(count++) + "-";
     setenv("TIDEWATCH_HAL_SOCKET_PREFIX", prefix.c_str(), 1);
     unsetenv("TIDEWATCH_HAL_WAIT_MS");
+    m_listener = ListenAbstract(HalEndpointName(HalGeneration::kAidl), 4);
+    ASSERT_GE(m_listener, 0);
+    m_fds.push_back(m_listener);
+    fcntl(m_listener, F_SETFL, O_NONBLOCK);  // a lookup that failed must not leave accept waiting
   }
   void TearDown() override {
     for (int fd : m_fds) close(fd);
@@ -93,12 +97,6 @@ class HostHalServiceTest : public testing::Test {
     unsetenv("TIDEWATCH_HAL_WAIT_MS");
   }
 
-  void Publish(HalGeneration generation) {
-    m_listener = ListenAbstract(HalEndpointName(generation), 4);
-    ASSERT_GE(m_listener, 0);
-    m_fds.push_back(m_listener);
-    fcntl(m_listener, F_SETFL, O_NONBLOCK);  // a lookup that failed must not leave accept waiting
-  }
   // Looks the AIDL service up and accepts the connection as the service's end, m_service.
   std::shared_ptr<HalService> Open() {
     std::shared_ptr<HalService> handle = CheckAidlHalService();
@@ -133,7 +131,6 @@ class HostHalServiceTest : public testing::Test {
 // A command's bytes go out as they are and its reply comes back; a refusal keeps the connection,
 // an answer that cannot be accepted (or none) closes it for good.
 TEST_F(HostHalServiceTest, CommandAnswers) {
-  Publish(HalGeneration::kAidl);
   const struct {
     Bytes answer;  // written twice; empty: the service hangs up instead
     bool ok;
@@ -172,7 +169,6 @@ TEST_F(HostHalServiceTest, CommandAnswers) {
 }
 
 TEST_F(HostHalServiceTest, RegisteredConnectionServesTheCallback) {
-  Publish(HalGeneration::kAidl);
   auto target = std::make_shared<RecordingTarget>();
   std::shared_ptr<HalService> handle = Open();
   ASSERT_NE(nullptr, handle);
@@ -206,7 +202,6 @@ TEST_F(HostHalServiceTest, RegisteredConnectionServesTheCallback) {
 }
 
 TEST_F(HostHalServiceTest, DeathRunsEveryLinkOnceOnAnotherThread) {
-  Publish(HalGeneration::kAidl);
   for (bool registered : {false, true}) {
     SCOPED_TRACE(registered ? "registered" : "commands only");
     std::shared_ptr<HalService> handle = Open();
@@ -237,7 +232,6 @@ TEST_F(HostHalServiceTest, DeathRunsEveryLinkOnceOnAnotherThread) {
 // Destroying a handle is no death; a death handler may drop the last reference to its handle,
 // which then dies on its own watcher thread.
 TEST_F(HostHalServiceTest, DeathHandlerMayReleaseItsHandle) {
-  Publish(HalGeneration::kAidl);
   DeathProbe unlinked, probe;
   std::shared_ptr<HalService> handle = Open();
   ASSERT_NE(nullptr, handle);
