@@ -62,7 +62,6 @@ class CaptureFileTest : public tidewatch_test::CaptureServiceFixture {
     pclose(pipe);
     return out;
   }
-  static bool HaveTools() { return system("command -v capinfos >/dev/null 2>&1") == 0; }
 
   // The trap records of a capture file in order, and in `*written` what its statistics block
   // counts (0 when it has none); damage fails the test.
@@ -96,6 +95,7 @@ class CaptureFileTest : public tidewatch_test::CaptureServiceFixture {
   // The seq of the last trap that Records read; the next must follow it, unless it is kAnySeq.
   static constexpr uint64_t kAnySeq = UINT64_MAX;
   uint64_t lastSeq_ = 0;
+  const bool haveCapinfos_ = system("command -v capinfos >/dev/null 2>&1") == 0;
 };
 
 TEST_F(CaptureFileTest, OneRunReadsTheSameInEveryReader) {
@@ -143,7 +143,7 @@ TEST_F(CaptureFileTest, OneRunReadsTheSameInEveryReader) {
     // --em filters by the names the file carries.
     EXPECT_EQ(Capture({"-r", file, "--format", "json", "--em", "EM_LTE_SERV*"}).out, serving);
 
-    if (HaveTools()) {
+    if (haveCapinfos_) {
       EXPECT_NE(Shell("capinfos -c " + file).find("Number of packets:   12\n"), std::string::npos);
     }
 
@@ -236,7 +236,7 @@ TEST_F(CaptureFileTest, EveryRingFileIsAWholeCaptureOnItsOwn) {
       EXPECT_TRUE(
           std::regex_match(file, std::regex(name + std::string("_\\d{5}_\\d{14}\\.pcapng"))));
       EXPECT_GE(std::stoul(file.substr(strlen(name) + 1, 5)), 4u);  // the first ones were deleted
-      if (HaveTools()) {
+      if (haveCapinfos_) {
         EXPECT_NE(Shell("capinfos -c " + file + " && echo ok").find("\nok\n"), std::string::npos);
       }
       // Whole, with its statistics block, and continuing the previous file's traps.

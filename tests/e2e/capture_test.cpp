@@ -49,9 +49,6 @@ class CaptureTest : public tidewatch_test::CaptureServiceFixture {
     }
     return true;
   }
-  bool StderrHas(const std::string& text) {
-    return WaitFor([&] { return Stderr().find(text) != std::string::npos; });
-  }
 
   // Ends the capture's output and its process; its exit status.
   int Finish() {
@@ -158,7 +155,9 @@ TEST_F(CaptureTest, SurvivesARestartedService) {
   emulator_.Kill();
   ASSERT_TRUE(emulator_.Restart());
   // The new service starts its ids again from 1: the capture's new session is 1.
-  ASSERT_TRUE(StderrHas("the service is back: capturing on session 1\n")) << Stderr();
+  ASSERT_TRUE(WaitFor([&] {
+    return Stderr().find("the service is back: capturing on session 1\n") != std::string::npos;
+  })) << Stderr();
   capture_.ReadLine(100);  // what was under way before the restart
   EXPECT_NE(capture_.ReadLine(kWaitMs), "");
   kill(capture_.pid(), SIGINT);

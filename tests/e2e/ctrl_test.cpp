@@ -41,26 +41,26 @@ class SilentService {
   ~SilentService() {
     m_stop = true;
     if (m_thread.joinable()) m_thread.join();
-    for (int fd : m_clients) close(fd);
     if (m_listen >= 0) close(m_listen);
   }
   bool ok() const { return m_listen >= 0; }
 
  private:
   void Serve(const std::string& greeting) {
+    std::vector<int> clients;
     while (!m_stop) {
       pollfd p{m_listen, POLLIN, 0};
       if (poll(&p, 1, 20) <= 0) continue;
       int fd = accept(m_listen, nullptr, nullptr);
       if (fd < 0) continue;
-      m_clients.push_back(fd);
+      clients.push_back(fd);
       if (!greeting.empty()) send(fd, greeting.data(), greeting.size(), MSG_NOSIGNAL);
     }
+    for (int fd : clients) close(fd);
   }
 
   int m_listen = -1;
   std::atomic<bool> m_stop{false};
-  std::vector<int> m_clients;  // only the serving thread touches it until it is joined
   std::thread m_thread;
 };
 
@@ -88,18 +88,7 @@ class CtrlTest : public tidewatch_test::CaptureServiceFixture {
     EXPECT_EQ(r.status, status);
   }
 
-  // Connects to a receiver's socket, retrying while the receiver may still be binding it.
-  static int Connect(const std::string& name) {
-    for (int attempt = 0; attempt < 200; ++attempt) {
-      int fd = libtidewatch::ConnectAbstract(name);
-      if (fd >= 0) return fd;
-      usleep(50 * 1000);
-    }
-    return -1;
-  }
-
-  // Unique per test process, so that receivers of parallel tests never share a socket name.
-  const std::string server_ = "rx" + std::to_string(getpid());
+  const std::string server_ = ReceiverName();
 };
 
 // The reply line of a command on session `session` done by `doer`, with the service's `resp`.
@@ -284,10 +273,9 @@ TEST_F(CtrlTest, ServiceThatNeverAnswersFailsEachCallAtTheDeadline) {
     ASSERT_TRUE(dir_.Write("current_session", "0"));
     // The trap receiver's registration gives up too, and the receiver comes up.
     tidewatch_test::CtrlProcess receiver;
-    std::string server = "silent" + std::to_string(getpid());
     ASSERT_TRUE(
-        receiver.Start(options, {"--run-trap-receiver", "sessionId=1", "servername=" + server}));
-    EXPECT_EQ(receiver.ReadLine(3000), "MonitorTrapReceiver [1" + server + "] was created.\n");
+        receiver.Start(options, {"--run-trap-receiver", "sessionId=1", "servername=" + server_}));
+    EXPECT_EQ(receiver.ReadLine(3000), "MonitorTrapReceiver [1" + server_ + "] was created.\n");
   }
 }
 
@@ -360,7 +348,10 @@ TEST_F(CtrlTest, PrintsTrapsArrivingOnItsSocket) {
   ASSERT_EQ(receiver.ReadLine(), "MonitorTrapReceiver [77" + server_ + "] was created.\n");
 
   // The socket's name is the session id followed by the server name, without the prefix.
-  int fd = Connect("77" + server_);
+  int fd = -1;
+  for (int i = 0; i < 200 && (fd = libtidewatch::ConnectAbstract("77" + server_)) < 0; ++i) {
+    usleep(50 * 1000);  // the receiver may still be binding it
+  }
   ASSERT_GE(fd, 0);
   // The line above is printed just before the handler goes in, and traps that come earlier are
   // dropped: probe until one is printed.
