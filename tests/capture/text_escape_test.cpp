@@ -7,9 +7,7 @@
 namespace capture {
 namespace {
 
-class TextEscapeTest : public ::testing::Test {};
-
-TEST_F(TextEscapeTest, OnlyWhatCouldDriveATerminalIsEscaped) {
+TEST(TextEscapeTest, OnlyWhatCouldDriveATerminalIsEscaped) {
   const struct {
     std::string in;
     std::string text;

@@ -1,6 +1,6 @@
-// The set-up that the capture tool's end-to-end suites share: a scratch folder holding the sample
-// layout where tide_watch_ctrl looks for it, the emulator, and a root session (id 1) that can see
-// and list every session a capture creates.
+// The set-up that the end-to-end suites of both tools share: a scratch folder holding the sample
+// layout where tide_watch_ctrl looks for it, the emulator, and for captures a root session (id 1)
+// that can see and list every session a capture creates.
 #pragma once
 
 #include <gtest/gtest.h>
