@@ -9,9 +9,9 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstring>
-#include <regex>
 #include <set>
 #include <string>
 #include <thread>
@@ -47,6 +47,16 @@ std::string After(const std::string& text, const std::string& key, const char* s
   if (at == std::string::npos) return "";
   const size_t from = at + key.size();
   return text.substr(from, text.find_first_of(stops, from) - from);
+}
+
+// Whether `text` has the shape of `shape`, where # stands for any digit.
+bool Shaped(const std::string& text, const std::string& shape) {
+  for (size_t i = 0; i < text.size() && i < shape.size(); ++i) {
+    if (shape[i] == '#' ? !isdigit(static_cast<unsigned char>(text[i])) : text[i] != shape[i]) {
+      return false;
+    }
+  }
+  return text.size() == shape.size();
 }
 
 class CaptureFileTest : public tidewatch_test::CaptureServiceFixture {
@@ -127,9 +137,7 @@ TEST_F(CaptureFileTest, OneRunReadsTheSameInEveryReader) {
       Json::Value trap;
       ASSERT_TRUE(Json::Reader().parse(line, trap, false));
       EXPECT_EQ(trap["seq"].asUInt64(), ++seq);
-      // RFC 3339 UTC with microseconds.
-      EXPECT_TRUE(std::regex_match(trap["time"].asString(),
-                                   std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}Z)")));
+      EXPECT_TRUE(Shaped(trap["time"].asString(), "####-##-##T##:##:##.######Z"));  // RFC 3339
       EXPECT_TRUE(trap["sim"].isNumeric());
       EXPECT_FALSE(trap.isMember("discards"));
       if (trap["type"] == "OTA") {
@@ -233,8 +241,7 @@ TEST_F(CaptureFileTest, EveryRingFileIsAWholeCaptureOnItsOwn) {
     lastSeq_ = kAnySeq;
     for (const std::string& file : files) {
       SCOPED_TRACE(file);
-      EXPECT_TRUE(
-          std::regex_match(file, std::regex(name + std::string("_\\d{5}_\\d{14}\\.pcapng"))));
+      EXPECT_TRUE(Shaped(file, name + std::string("_#####_##############.pcapng")));
       EXPECT_GE(std::stoul(file.substr(strlen(name) + 1, 5)), 4u);  // the first ones were deleted
       if (haveCapinfos_) {
         EXPECT_NE(Shell("capinfos -c " + file + " && echo ok").find("\nok\n"), std::string::npos);
