@@ -46,17 +46,10 @@ class HalLinkTest : public testing::Test {
   }
   void TearDown() override {
     alarm(0);
-    CloseBoth();
-  }
-
-  void CloseBoth() {
-    for (int& fd : m_fds) {
-      if (fd >= 0) close(fd);
-      fd = -1;
-    }
+    for (int fd : m_fds) close(fd);
   }
   void Reopen() {
-    CloseBoth();
+    for (int fd : m_fds) close(fd);
     ASSERT_EQ(0, socketpair(AF_UNIX, SOCK_STREAM, 0, m_fds));
   }
 
