@@ -7,11 +7,13 @@
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <set>
 #include <string>
 #include <thread>
@@ -260,15 +262,9 @@ TEST_F(CaptureFileTest, EveryRingFileIsAWholeCaptureOnItsOwn) {
 
 // Resident memory of `pid` in KiB, from /proc; 0 when unknown.
 long ResidentKiB(pid_t pid) {
-  FILE* f = fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
-  if (f == nullptr) return 0;
-  char line[256];
-  long kib = 0;
-  while (fgets(line, sizeof line, f) != nullptr) {
-    if (sscanf(line, "VmRSS: %ld kB", &kib) == 1) break;
-  }
-  fclose(f);
-  return kib;
+  long pages = 0, resident = 0;
+  std::ifstream("/proc/" + std::to_string(pid) + "/statm") >> pages >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
 }
 
 TEST_F(CaptureFileTest, AStalledReaderCostsDropsNotMemory) {

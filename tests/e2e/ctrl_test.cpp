@@ -279,17 +279,21 @@ TEST_F(CtrlTest, ServiceThatNeverAnswersFailsEachCallAtTheDeadline) {
   }
 }
 
-TEST_F(CtrlTest, RefusedSecret) {
-  ASSERT_TRUE(emulator_.Start({"--manager-secret=SomethingElseEntirely"}));
-  CtrlResult r = Ctl({"--create-session", "level=1"});
-  EXPECT_EQ(r.out, "");
+TEST_F(CtrlTest, RefusalsReachTheShellAs255) {
+  // With no service: usage, and a session id the file cannot give.
+  CtrlResult r = Ctl({});
+  EXPECT_EQ(r.out.rfind("Usage: tide_watch_ctrl\n", 0), 0u) << r.out;
   EXPECT_EQ(r.status, 255);
-  EXPECT_EQ(dir_.Read("current_session"), "0");
+  Expect({"--close-session"},
+         "Failed to open [./current_session] for getting session."
+         "Argument <sessionId> should be specified and cannot be zero",
+         255);
 
+  ASSERT_TRUE(emulator_.Start({"--manager-secret=SomethingElseEntirely"}));
+  Expect({"--create-session", "level=1"}, "", 255);
+  EXPECT_EQ(dir_.Read("current_session"), "0");
   // The root secret still matches the service's default; the last level word counts.
-  r = Ctl({"--create-session", "level=1", "level=2"});
-  EXPECT_EQ(r.out, "1\n");
-  EXPECT_EQ(r.status, 0);
+  Expect({"--create-session", "level=1", "level=2"}, "1\n");
   EXPECT_EQ(dir_.Read("current_session"), "1");
 }
 
@@ -319,22 +323,9 @@ TEST_F(CtrlTest, BrokenReplies) {
     SCOPED_TRACE(c.fault);
     ASSERT_TRUE(emulator_.Start({std::string("--fault=") + c.fault}));
     std::istringstream words(c.args);
-    CtrlResult r = Ctl({std::istream_iterator<std::string>(words), {}});
-    EXPECT_EQ(r.out, c.out);
-    EXPECT_EQ(r.status, c.status);
+    Expect({std::istream_iterator<std::string>(words), {}}, c.out, c.status);
     emulator_.Stop();
   }
-}
-
-TEST_F(CtrlTest, MinusOneReachesTheShellAs255) {
-  CtrlResult r = Ctl({});
-  EXPECT_EQ(r.out.rfind("Usage: tide_watch_ctrl\n", 0), 0u) << r.out;
-  EXPECT_EQ(r.status, 255);
-  r = Ctl({"--close-session"});
-  EXPECT_EQ(r.out,
-            "Failed to open [./current_session] for getting session."
-            "Argument <sessionId> should be specified and cannot be zero");
-  EXPECT_EQ(r.status, 255);
 }
 
 TEST_F(CtrlTest, PrintsTrapsArrivingOnItsSocket) {
