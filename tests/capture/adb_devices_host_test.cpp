@@ -1,7 +1,5 @@
 // The phones adb lists: only those in state "device", and no phones at all, promptly, when adb is
 // missing or hangs.
-#include "capture/adb_devices.h"
-
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
@@ -10,31 +8,25 @@
 #include <string>
 #include <vector>
 
+#include "capture/adb_devices.h"
 #include "tests/support/scratch_dir.h"
 
 namespace capture {
 namespace {
 
-TEST(AdbDevicesTest, ParsesOnlyPhonesReadyForUse) {
-  EXPECT_EQ(ParseAdbDevices("* daemon not running; starting now at tcp:5037\n"
-                            "* daemon started successfully\n"
-                            "List of devices attached\n"
-                            "R58M12ABCDE\tdevice\n"
-                            "emulator-5554\toffline\n"
-                            "0123456789\tunauthorized\r\n"
-                            "192.168.1.7:5555\tdevice\r\n"
-                            "\n"),
-            (std::vector<std::string>{"R58M12ABCDE", "192.168.1.7:5555"}));
-  EXPECT_EQ(ParseAdbDevices("List of devices attached\n\n"), std::vector<std::string>{});
-}
-
-TEST(AdbDevicesTest, AnswersWithinTheDeadlineWhateverAdbDoes) {
+TEST(AdbDevicesTest, OnlyReadyPhonesAndWithinTheDeadlineWhateverAdbDoes) {
   tidewatch_test::ScratchDir dir("adb_devices");
   const struct {
     std::string script;  // empty: no such program
     std::vector<std::string> serials;
   } cases[] = {
       {"printf 'List of devices attached\\nA1\\tdevice\\n'", {"A1"}},
+      // Only phones ready for use, whatever the daemon says first and however lines end.
+      {"printf '* daemon not running; starting now at tcp:5037\\n* daemon started successfully\\n"
+       "List of devices attached\\nR58M12ABCDE\\tdevice\\nemulator-5554\\toffline\\n"
+       "0123456789\\tunauthorized\\r\\n192.168.1.7:5555\\tdevice\\r\\n\\n'",
+       {"R58M12ABCDE", "192.168.1.7:5555"}},
+      {"printf 'List of devices attached\\n\\n'", {}},
       {"", {}},
       {"sleep 30", {}},
       {"printf 'List of devices attached\\nA1\\tdevice\\n'; exit 1", {}},
