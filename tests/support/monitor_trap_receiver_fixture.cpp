@@ -34,14 +34,10 @@ void MonitorTrapReceiverFixture::Recorder::Drained(void* context) {
   self->m_changed.notify_all();
 }
 
-bool MonitorTrapReceiverFixture::Recorder::WaitForDrainAfter(size_t n) {
+std::vector<size_t> MonitorTrapReceiverFixture::Recorder::WaitForDrainAfter(size_t n) {
   std::unique_lock<std::mutex> lock(m_mutex);
-  return m_changed.wait_for(lock, std::chrono::seconds(5),
-                            [&] { return !m_drains.empty() && m_drains.back() >= n; });
-}
-
-std::vector<size_t> MonitorTrapReceiverFixture::Recorder::Drains() {
-  std::lock_guard<std::mutex> lock(m_mutex);
+  m_changed.wait_for(lock, std::chrono::seconds(5),
+                     [&] { return !m_drains.empty() && m_drains.back() >= n; });
   return m_drains;
 }
 

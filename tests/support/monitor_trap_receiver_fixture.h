@@ -41,10 +41,10 @@ class MonitorTrapReceiverFixture : public ::testing::Test {
     static void Drained(void* context);
     // Waits (with a generous guard) until `n` calls have arrived.
     bool WaitForCount(size_t n);
-    // Waits up to a few seconds until the drain handler has run after call `n`.
-    bool WaitForDrainAfter(size_t n);
+    // Waits up to a few seconds until the drain handler has run after call `n`; gives the number
+    // of calls at each drain so far.
+    std::vector<size_t> WaitForDrainAfter(size_t n);
     std::vector<Call> Calls();
-    std::vector<size_t> Drains();
 
    private:
     std::mutex m_mutex;

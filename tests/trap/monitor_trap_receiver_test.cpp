@@ -7,6 +7,7 @@
 #include <iterator>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "libtidewatch/platform/log.h"
@@ -71,46 +72,42 @@ TEST_F(MonitorTrapReceiverTest, TrapsOverTheSocketReachTheHandler) {
   std::vector<Call> calls = recorder.Calls();
   ASSERT_EQ(calls.size(), std::size(cases));
   for (size_t i = 0; i < calls.size(); ++i) {
-    SCOPED_TRACE(cases[i].what);
-    EXPECT_EQ(calls[i].context, &recorder);
-    EXPECT_EQ(calls[i].time, 0u);
-    EXPECT_EQ(calls[i].type, cases[i].type);
-    EXPECT_EQ(calls[i].dataNull, cases[i].dataNull);
-    EXPECT_EQ(calls[i].data.substr(0, cases[i].data.size()), cases[i].data);
-    EXPECT_EQ(calls[i].length, cases[i].length == ~0ul ? cases[i].data.size() : cases[i].length);
-    EXPECT_EQ(calls[i].discardCount, cases[i].discardCount);
+    const auto& c = cases[i];
+    const Call& got = calls[i];
+    EXPECT_EQ(std::tie(got.context, got.time, got.type, got.dataNull, got.discardCount),
+              std::make_tuple(&recorder, 0u, c.type, c.dataNull, c.discardCount))
+        << c.what;
+    EXPECT_EQ(got.data.substr(0, c.data.size()), c.data) << c.what;
+    EXPECT_EQ(got.length, c.length == ~0ul ? c.data.size() : c.length) << c.what;
   }
   // The drain handler runs after the last trap, and only ever after new traps; a lone trap that
   // follows gets a drain of its own.
-  ASSERT_TRUE(recorder.WaitForDrainAfter(calls.size()));
+  ASSERT_EQ(recorder.WaitForDrainAfter(calls.size()).back(), calls.size());
   ASSERT_TRUE(WriteAll(fd, McpPacket(MCP_TYPE_TRAP, TrapRecord(TRAP_TYPE_EM, B("lone")))));
-  ASSERT_TRUE(recorder.WaitForDrainAfter(calls.size() + 1));
-  std::vector<size_t> drains = recorder.Drains();
+  std::vector<size_t> drains = recorder.WaitForDrainAfter(calls.size() + 1);
   for (size_t i = 1; i < drains.size(); ++i) EXPECT_GT(drains[i], drains[i - 1]);
   EXPECT_GT(drains.front(), 0u);
   EXPECT_EQ(drains.back(), calls.size() + 1);
 }
 
+// A payload of 0 bytes still reaches the handler; without a handler nothing does, and nothing is
+// answered.
 TEST_F(MonitorTrapReceiverTest, PayloadsWithoutHandlerOrBytes) {
   auto receiver = NewReceiver(6, m_serverName.c_str());
   MCPInfo in;
   MCPInfo out;
-  EXPECT_TRUE(receiver->ProcessPayload(in, out));  // a payload of 0 bytes still reaches the handler
+  EXPECT_TRUE(receiver->ProcessPayload(in, out));
   const Bytes raw = TrapRecord(TRAP_TYPE_OTA, B("dropped"));
   in.SetData(MCP_TYPE_TRAP, raw.size(), raw.data(), false);
   receiver->trapHandler = nullptr;
   EXPECT_TRUE(receiver->ProcessPayload(in, out));
   EXPECT_EQ(out.length, 0u);
-
   std::vector<Call> calls = recorder.Calls();
   ASSERT_EQ(calls.size(), 1u);
-  EXPECT_EQ(calls[0].time, 0u);
-  EXPECT_EQ(calls[0].type, TRAP_TYPE_NONE);
-  EXPECT_EQ(calls[0].length, 0u);
-  EXPECT_TRUE(calls[0].dataNull);
-  EXPECT_EQ(calls[0].discardCount, 0u);
+  EXPECT_EQ(std::tie(calls[0].time, calls[0].type, calls[0].length, calls[0].dataNull,
+                     calls[0].discardCount),
+            std::make_tuple(0u, TRAP_TYPE_NONE, 0ul, true, 0ul));
 }
-
 // Peers that send rubbish, stall or vanish: the receiver keeps serving, and every whole packet
 // sent after the rubbish arrives, exactly once.
 TEST_F(MonitorTrapReceiverTest, HostilePeersDoNotStopTheService) {
