@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "libtidewatch/pcapng/pcapng_reader.h"
@@ -12,47 +14,23 @@
 namespace libtidewatch {
 namespace {
 
+using tidewatch_test::Hex;
+using tidewatch_test::Render;
 using tidewatch_test::SampleTrap;
-
-std::string Text(std::optional<std::string_view> name) {
-  return name ? std::string(*name) : std::string("<none>");
-}
-std::vector<uint8_t> Bytes(const TrapBytes& b) { return {b.data, b.data + b.size}; }
 
 class PcapngWriterTest : public ::testing::Test {
  protected:
   // Every field a capture keeps must come back from the file as it went in.
   static void ExpectSame(const CapturedTrap& want, const CapturedTrap& got) {
     SCOPED_TRACE("seq " + std::to_string(want.seq));
-    EXPECT_EQ(want.seq, got.seq);
-    EXPECT_EQ(want.timeUs, got.timeUs);
-    EXPECT_EQ(want.length, got.length);
-    EXPECT_EQ(Bytes(want.record), Bytes(got.record));
-    for (size_t t = 0; t < TRAP_TYPE_NUM; ++t) EXPECT_EQ(want.discards[t], got.discards[t]) << t;
-    const DecodedTrap& w = want.decoded;
-    const DecodedTrap& g = got.decoded;
-    EXPECT_EQ(w.type == TRAP_TYPE_NONE ? want.record.data[0] : int{w.type}, int{g.type});
-    EXPECT_EQ(Bytes(w.payload), Bytes(g.payload));
-    for (auto [a, b] : {std::pair{w.sim, g.sim},
-                        {w.msgId, g.msgId},
-                        {w.traceId, g.traceId},
-                        {w.pduLength, g.pduLength},
-                        {w.peerCount, g.peerCount}}) {
-      EXPECT_EQ(a.present, b.present);
-      EXPECT_EQ(a.value, b.value);
-    }
-    EXPECT_EQ(Text(w.msgName), Text(g.msgName));
-    EXPECT_EQ(Text(w.traceName), Text(g.traceName));
-    EXPECT_EQ(w.pduPresent, g.pduPresent);
-    EXPECT_EQ(w.pduTruncated, g.pduTruncated);
-    EXPECT_EQ(Bytes(w.pdu), Bytes(g.pdu));
-    EXPECT_EQ(w.peersPresent, g.peersPresent);
-    EXPECT_EQ(Bytes(w.peers), Bytes(g.peers));
-    ASSERT_EQ(w.fields.size(), g.fields.size());
-    for (size_t i = 0; i < w.fields.size(); ++i) {
-      EXPECT_EQ(w.fields[i].name, g.fields[i].name);
-      EXPECT_EQ(w.fields[i].value, g.fields[i].value);
-    }
+    EXPECT_EQ(std::tie(want.seq, want.timeUs, want.length),
+              std::tie(got.seq, got.timeUs, got.length));
+    EXPECT_EQ(Hex(want.record.data, want.record.size), Hex(got.record.data, got.record.size));
+    EXPECT_TRUE(std::equal(want.discards, want.discards + TRAP_TYPE_NUM, got.discards));
+    // A trap the layout did not decode reads back with its record's type.
+    DecodedTrap decoded = want.decoded;
+    if (decoded.type == TRAP_TYPE_NONE) decoded.type = TRAP_TYPE(want.record.data[0]);
+    EXPECT_EQ(Render(decoded), Render(got.decoded));
   }
 };
 

@@ -78,6 +78,47 @@ std::unique_ptr<SampleTrap> RawSample(uint64_t seq, TRAP_TYPE type,
   return s;
 }
 
+std::string Hex(const uint8_t* p, size_t n) {
+  static const char kDigits[] = "0123456789abcdef";
+  std::string s;
+  for (size_t i = 0; i < n; ++i) s += {kDigits[p[i] >> 4], kDigits[p[i] & 15]};
+  return s;
+}
+
+namespace {
+
+std::string Number(const libtidewatch::TrapNumber& n) {
+  return n.present ? std::to_string(n.value) : "-";
+}
+
+std::string Named(const libtidewatch::TrapNumber& n, const std::optional<std::string_view>& name) {
+  return Number(n) + (name ? ":" + std::string(*name) : "");
+}
+
+}  // namespace
+
+std::string Render(const libtidewatch::DecodedTrap& d) {
+  std::string s;
+  if (d.type == libtidewatch::TRAP_TYPE_OTA) {
+    s = "trace=" + Named(d.traceId, d.traceName) + " sim=" + Number(d.sim) +
+        " msg=" + Named(d.msgId, d.msgName) + " len=" + Number(d.pduLength) +
+        " pdu=" + (d.pduPresent ? Hex(d.pdu.data, d.pdu.size) : "-") +
+        (d.pduTruncated ? " cut" : "");
+  } else if (d.type == libtidewatch::TRAP_TYPE_EM) {
+    s = "msg=" + Named(d.msgId, d.msgName) + " sim=" + Number(d.sim);
+    for (const libtidewatch::DecodedField& f : d.fields) {
+      s += " " + std::string(f.name) + "=" + std::to_string(f.value);
+    }
+    if (d.peerCount.present || d.peersPresent) {
+      s += " peers=" + Number(d.peerCount) + "/" +
+           (d.peersPresent ? Hex(d.peers.data, d.peers.size) : "-");
+    }
+  } else {
+    s = "type=" + std::to_string(d.type);
+  }
+  return s + " payload=" + Hex(d.payload.data, d.payload.size);
+}
+
 std::vector<uint8_t> LteMib(uint8_t sfn) {
   // dl-Bandwidth n50 (3 bits), phich-Config (3 bits), systemFrameNumber (8 bits), the rest 0.
   const uint32_t bits = (3u << 21) | (sfn << 10);

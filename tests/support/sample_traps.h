@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "libtidewatch/trap/captured_trap.h"
+#include "libtidewatch/trap/trap_decoder.h"
 
 namespace tidewatch_test {
 
@@ -34,6 +35,12 @@ std::unique_ptr<SampleTrap> EmSample(uint64_t seq, const std::string& msgName, u
 // A trap of a type the layout does not decode: only its record and type.
 std::unique_ptr<SampleTrap> RawSample(uint64_t seq, libtidewatch::TRAP_TYPE type,
                                       const std::vector<uint8_t>& payload);
+
+// Hex digits of `n` bytes at `p`.
+std::string Hex(const uint8_t* p, size_t n);
+
+// One line with every member of a decoded trap that its type fills; "-" is an absent number.
+std::string Render(const libtidewatch::DecodedTrap& d);
 
 // A valid 3-byte LTE master information block whose system frame number's 8 high bits are `sfn`.
 std::vector<uint8_t> LteMib(uint8_t sfn);

@@ -8,10 +8,14 @@
 
 #include "libtidewatch/platform/log.h"
 #include "libtidewatch/trap/frame_decoder.h"
+#include "tests/support/sample_traps.h"
 #include "tests/support/scratch_dir.h"
 
 namespace libtidewatch {
 namespace {
+
+using tidewatch_test::Hex;
+using tidewatch_test::Render;
 
 // OTA: trace id at 0, SIM at 1, then the trace's GLOBAL_ID, PDU_LENGTH and PDU. EM: id at 0, SIM
 // at 2, fields listed out of offset order; message 8's peers follow a 2-byte header, message 9's
@@ -27,13 +31,6 @@ constexpr char kLayout[] =
     "#PEER_INFO\nMSG_PEERSIZE_OFFSET,3,1\nMSG_PEER_HEADER_SIZE,2\nEM_NB(8),PEER_OFFSET,4\n"
     "#PEER_INFO_WITHOUT_HEADER\nEM_LIST(9),PEER_OFFSET,4\n";
 
-std::string Hex(const uint8_t* p, size_t n) {
-  static const char kDigits[] = "0123456789abcdef";
-  std::string s;
-  for (size_t i = 0; i < n; ++i) s += {kDigits[p[i] >> 4], kDigits[p[i] & 15]};
-  return s;
-}
-
 // Hex digits with blanks between groups; 'h' stands for a zero byte of a peer header.
 std::vector<uint8_t> Bytes(std::string hex) {
   hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
@@ -43,34 +40,6 @@ std::vector<uint8_t> Bytes(std::string hex) {
     out.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
   }
   return out;
-}
-
-std::string Number(const TrapNumber& n) { return n.present ? std::to_string(n.value) : "-"; }
-
-std::string Named(const TrapNumber& n, const std::optional<std::string_view>& name) {
-  return Number(n) + (name ? ":" + std::string(*name) : "");
-}
-
-// One line per decode, with every member that the type fills; "-" is an absent number.
-std::string Render(const DecodedTrap& d) {
-  std::string s;
-  if (d.type == TRAP_TYPE_OTA) {
-    s = "trace=" + Named(d.traceId, d.traceName) + " sim=" + Number(d.sim) +
-        " msg=" + Named(d.msgId, d.msgName) + " len=" + Number(d.pduLength) +
-        " pdu=" + (d.pduPresent ? Hex(d.pdu.data, d.pdu.size) : "-") +
-        (d.pduTruncated ? " cut" : "");
-  } else if (d.type == TRAP_TYPE_EM) {
-    s = "msg=" + Named(d.msgId, d.msgName) + " sim=" + Number(d.sim);
-    for (const DecodedField& f : d.fields)
-      s += " " + std::string(f.name) + "=" + std::to_string(f.value);
-    if (d.peerCount.present || d.peersPresent) {
-      s += " peers=" + Number(d.peerCount) + "/" +
-           (d.peersPresent ? Hex(d.peers.data, d.peers.size) : "-");
-    }
-  } else {
-    s = "type=" + std::to_string(d.type);
-  }
-  return s + " payload=" + Hex(d.payload.data, d.payload.size);
 }
 
 class TrapDecoderTest : public ::testing::Test {
