@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -62,61 +61,55 @@ TEST_F(PcapngReaderTest, DamageStopsAtTheBlockNamingItAfterEveryEarlierTrap) {
   std::vector<size_t> at;  // SHB, IDB, EPB 1..3, ISB
   const std::string good = MakeFile(3, &at);
   ASSERT_EQ(6u, at.size());
-  auto put32 = [](size_t offset, uint32_t v) {
-    return [=](std::string* f) { pcapng::Put32(reinterpret_cast<uint8_t*>(&(*f)[offset]), v); };
+  // "block N (Enhanced Packet Block ...) at byte offset ...: " for block N, the EPB at at[N - 1].
+  auto epb = [&](size_t n) {
+    return "block " + std::to_string(n) + " (Enhanced Packet Block 0x00000006) at byte offset " +
+           std::to_string(at[n - 1]) + ": ";
   };
-  const std::string epb = "(Enhanced Packet Block 0x00000006) at byte offset ";
+  auto n = [](size_t v) { return std::to_string(v); };
+  constexpr int64_t kCut = -1;  // `offset` is the size the file is cut to
   struct Case {
     const char* what;
-    std::function<void(std::string*)> damage;
+    size_t offset;
+    int64_t value;  // the 32-bit value written at `offset`, or kCut
     size_t traps;
     std::string error;
   };
   const std::vector<Case> cases = {
-      {"intact", [](std::string*) {}, 3, ""},
-      {"empty", [](std::string* f) { f->clear(); }, 0,
-       "block 1 at byte offset 0: the file is empty"},
-      {"not pcapng", put32(0, 0x464C457F), 0,
+      {"intact", good.size(), kCut, 3, ""},
+      {"empty", 0, kCut, 0, "block 1 at byte offset 0: the file is empty"},
+      {"not pcapng", 0, 0x464C457F, 0,
        "block 1 (block 0x464C457F) at byte offset 0: not a pcapng file (it does not start with a "
        "Section Header Block)"},
-      {"cut inside a block", [&](std::string* f) { f->resize(at[4] + 40); }, 2,
-       "block 5 " + epb + std::to_string(at[4]) +
-           ": the file ends inside the block, after 40 of "
-           "its " +
-           std::to_string(at[5] - at[4]) + " bytes"},
-      {"cut inside a block header", [&](std::string* f) { f->resize(at[3] + 6); }, 1,
-       "block 4 " + epb + std::to_string(at[3]) +
-           ": the file ends inside the block header, after 6 bytes"},
-      {"trailing length differs", put32(at[4] - 4, 12), 1,
-       "block 4 " + epb + std::to_string(at[3]) +
-           ": the trailing length 12 differs from the leading length " +
-           std::to_string(at[4] - at[3])},
-      {"length not a multiple of 4", put32(at[4] + 4, 101), 2,
-       "block 5 " + epb + std::to_string(at[4]) + ": bad block length 101"},
-      {"length beyond any block", put32(at[4] + 4, 0x7FFFFFF0), 2,
-       "block 5 " + epb + std::to_string(at[4]) +
-           ": block length 2147483632 is larger than "
-           "16777216"},
-      {"no trap magic", put32(at[2] + 28, 0), 0,
-       "block 3 " + epb + std::to_string(at[2]) + ": bad trap header: no magic"},
-      {"PDU outside the record", put32(at[4] + 28 + 72, 0xFFFFFFFE), 2,
-       "block 5 " + epb + std::to_string(at[4]) +
-           ": bad trap header: PDU range outside the record"},
-      {"captured length past the block", put32(at[3] + 20, 0xFFFFFFFF), 1,
-       "block 4 " + epb + std::to_string(at[3]) +
-           ": captured length 4294967295 runs past the block's end"},
-      {"undescribed interface", put32(at[2] + 8, 1), 0,
-       "block 3 " + epb + std::to_string(at[2]) + ": interface 1 is not described"},
-      {"option past the end", put32(at[1] + 16, 0x01000002), 0,
-       "block 2 (Interface Description Block 0x00000001) at byte offset " + std::to_string(at[1]) +
+      {"cut inside a block", at[4] + 40, kCut, 2,
+       epb(5) + "the file ends inside the block, after 40 of its " + n(at[5] - at[4]) + " bytes"},
+      {"cut inside a block header", at[3] + 6, kCut, 1,
+       epb(4) + "the file ends inside the block header, after 6 bytes"},
+      {"trailing length differs", at[4] - 4, 12, 1,
+       epb(4) + "the trailing length 12 differs from the leading length " + n(at[4] - at[3])},
+      {"length not a multiple of 4", at[4] + 4, 101, 2, epb(5) + "bad block length 101"},
+      {"length beyond any block", at[4] + 4, 0x7FFFFFF0, 2,
+       epb(5) + "block length 2147483632 is larger than 16777216"},
+      {"no trap magic", at[2] + 28, 0, 0, epb(3) + "bad trap header: no magic"},
+      {"PDU outside the record", at[4] + 28 + 72, 0xFFFFFFFE, 2,
+       epb(5) + "bad trap header: PDU range outside the record"},
+      {"captured length past the block", at[3] + 20, 0xFFFFFFFF, 1,
+       epb(4) + "captured length 4294967295 runs past the block's end"},
+      {"undescribed interface", at[2] + 8, 1, 0, epb(3) + "interface 1 is not described"},
+      {"option past the end", at[1] + 16, 0x01000002, 0,
+       "block 2 (Interface Description Block 0x00000001) at byte offset " + n(at[1]) +
            ": an option runs past the block's end"},
-      {"big-endian section", put32(8, 0x4D3C2B1A), 0,
+      {"big-endian section", 8, 0x4D3C2B1A, 0,
        "block 1 (Section Header Block 0x0A0D0D0A) at byte offset 0: big-endian sections are not "
        "read"},
   };
   for (const Case& c : cases) {
     std::string file = good;
-    c.damage(&file);
+    if (c.value == kCut) {
+      file.resize(c.offset);
+    } else {
+      pcapng::Put32(reinterpret_cast<uint8_t*>(&file[c.offset]), static_cast<uint32_t>(c.value));
+    }
     for (bool throughFd : {false, true}) {
       SCOPED_TRACE(std::string(c.what) + (throughFd ? " (file)" : " (memory)"));
       const auto [seqs, error] = ReadAll(file, throughFd);
