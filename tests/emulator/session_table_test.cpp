@@ -30,7 +30,7 @@ class SessionTableTest : public testing::Test {
   SessionTable table_{100, limits_};
 };
 
-TEST_F(SessionTableTest, IdsIncreaseFromTheFirstAndAreNeverReused) {
+TEST_F(SessionTableTest, IdsIncreaseAreNeverReusedAndRunOut) {
   uint64_t a = Make(SessionLevel::kGuest);
   uint64_t b = Make(SessionLevel::kGuest);
   EXPECT_EQ(a, 100u);
@@ -43,6 +43,11 @@ TEST_F(SessionTableTest, IdsIncreaseFromTheFirstAndAreNeverReused) {
   ASSERT_EQ(last.Create(SessionLevel::kGuest, &id), kRetOk);
   EXPECT_EQ(id, UINT64_MAX);
   EXPECT_EQ(last.Create(SessionLevel::kGuest, &id), kRetSessionLimit);
+  // At the session limit creation is refused until one closes.
+  while (table_.Size() < limits_.maxSessions) Make(SessionLevel::kGuest);
+  EXPECT_EQ(table_.Create(SessionLevel::kGuest, &id), kRetSessionLimit);
+  ASSERT_EQ(table_.Close(0, 100), kRetOk);
+  EXPECT_EQ(table_.Create(SessionLevel::kGuest, &id), kRetOk);
 }
 
 TEST_F(SessionTableTest, DoerRules) {
@@ -100,15 +105,6 @@ TEST_F(SessionTableTest, ListShowsWhatTheDoerMayActOn) {
   EXPECT_EQ(table_.CheckPrivileged(guest), kRetPermissionDenied);
   EXPECT_EQ(table_.CheckPrivileged(manager), kRetOk);
   EXPECT_EQ(table_.CheckPrivileged(0), kRetNoSuchSession);
-}
-
-TEST_F(SessionTableTest, SessionLimitRefusesUntilOneCloses) {
-  for (size_t i = 0; i < limits_.maxSessions; ++i) Make(SessionLevel::kGuest);
-  uint64_t id = 0;
-  EXPECT_EQ(table_.Create(SessionLevel::kGuest, &id), kRetSessionLimit);
-  EXPECT_EQ(table_.Size(), limits_.maxSessions);
-  ASSERT_EQ(table_.Close(0, 100), kRetOk);
-  EXPECT_EQ(table_.Create(SessionLevel::kGuest, &id), kRetOk);
 }
 
 TEST_F(SessionTableTest, SubscriptionsAreCountedOnceAndLimited) {
