@@ -14,12 +14,12 @@
 
 #include "libtidewatch/platform/abstract_socket.h"
 #include "libtidewatch/platform/hal_link.h"
-#include "libtidewatch/transport/data_queue.h"
 #include "libtidewatch/transport/mcp_handler.h"
 #include "libtidewatch/trap/frame_decoder.h"
 #include "libtidewatch/trap/trap_decoder.h"
 #include "libtidewatch/trap/trap_packer.h"
 #include "tests/support/emulator_process.h"
+#include "tests/support/mcp_test_peer.h"
 
 namespace libtidewatch {
 namespace {
@@ -49,62 +49,51 @@ class HalEmulatorTest : public testing::Test {
       return ReadHalLinkFrame(fd_, frame,
                               std::chrono::steady_clock::now() + std::chrono::seconds(5));
     }
-
-    // One COMMAND frame out; the COMMAND_RESULT payload (status byte first), empty on failure.
-    Bytes Exchange(const Bytes& request) {
+    // One frame out; the payload of the `answer` frame that comes back, empty on failure.
+    Bytes Ask(uint8_t opcode, const Bytes& payload, uint8_t answer) {
       HalLinkFrame frame;
-      if (!Send(kHalLinkCommand, request) || Read(&frame) != HalLinkReadResult::kFrame ||
-          frame.opcode != kHalLinkCommandResult) {
+      if (!Send(opcode, payload) || Read(&frame) != HalLinkReadResult::kFrame ||
+          frame.opcode != answer) {
         return {};
       }
       return frame.payload;
     }
-    // A command as the tool sends it: JSON text, line feed and NUL in an MCP command packet.
+    // A command as the tool sends it: JSON text, line feed and NUL in an MCP command packet. The
+    // answer is the COMMAND_RESULT payload, status byte first.
     Bytes Call(const std::string& json) {
-      std::string text = json + "\n";
-      text.push_back('\0');
-      MCPInfo packet;
-      packet.SetData(MCP_TYPE_CMD, text.size(), reinterpret_cast<const uint8_t*>(text.data()),
-                     false);
-      auto queue = std::make_unique<DataQueue>();
-      EXPECT_TRUE(MCPHandler::WriteToBuffer(*queue, packet, nullptr));
-      return Exchange(Bytes(queue->Front(), queue->Front() + queue->size));
+      const std::string text = json + "\n";
+      Bytes payload(text.begin(), text.end() + 1);
+      return Ask(kHalLinkCommand, tidewatch_test::McpPacket(MCP_TYPE_CMD, payload),
+                 kHalLinkCommandResult);
     }
     // The reply object of a command answered with status 0 and a reply packet.
     Json::Value Command(const std::string& json) {
-      Bytes answer = Call(json);
-      Json::Value reply;
-      MCP_TYPE type = MCP_TYPE_NONE;
-      if (answer.empty() || answer[0] != 0 || !ReplyOf(answer, &type, &reply) ||
-          type != MCP_TYPE_REPLY) {
-        ADD_FAILURE() << "no reply to " << json;
-      }
+      Json::Value reply = ReplyOf(Call(json));
+      if (reply.isNull()) ADD_FAILURE() << "no reply to " << json;
       return reply;
     }
     uint8_t Register(const std::string& name) {
-      HalLinkFrame frame;
-      if (!Send(kHalLinkRegisterTrapCallback, Bytes(name.begin(), name.end())) ||
-          Read(&frame) != HalLinkReadResult::kFrame || frame.opcode != kHalLinkRegisterResult ||
-          frame.payload.size() != 1) {
-        return 0xff;
-      }
-      return frame.payload[0];
+      Bytes answer = Ask(kHalLinkRegisterTrapCallback, Bytes(name.begin(), name.end()),
+                         kHalLinkRegisterResult);
+      return answer.size() == 1 ? answer[0] : 0xff;
     }
 
    private:
     int fd_;
   };
 
-  // The packet behind an answer's status byte: its type and its JSON text, parsed.
-  static bool ReplyOf(const Bytes& answer, MCP_TYPE* type, Json::Value* reply) {
+  // The reply packet behind an answer's status byte 0, parsed; null for any other answer.
+  static Json::Value ReplyOf(const Bytes& answer) {
     MCPInfo packet;
-    if (answer.size() < 2 ||
-        !MCPHandler::ProcessFromBuffer(answer.data() + 1, answer.size() - 1, packet, nullptr)) {
-      return false;
+    Json::Value reply;
+    if (answer.size() < 2 || answer[0] != 0 ||
+        !MCPHandler::ProcessFromBuffer(answer.data() + 1, answer.size() - 1, packet, nullptr) ||
+        packet.type != MCP_TYPE_REPLY) {
+      return reply;
     }
-    *type = packet.type;
     const char* text = reinterpret_cast<const char*>(packet.data);
-    return Json::Reader().parse(text, text + packet.length - 1, *reply);
+    Json::Reader().parse(text, text + packet.length - 1, reply);
+    return reply;
   }
 
   // A session subscribed to `subscriptions` (type, message id) whose traps go to `destination`.
@@ -167,9 +156,8 @@ TEST_F(HalEmulatorTest, GarbageClosesOnlyThatConnection) {
   }
   // A well-framed request that is no MCP command is answered, and the connection stays.
   LinkClient client;
-  MCP_TYPE type;
-  Json::Value reply;
-  ASSERT_TRUE(ReplyOf(client.Exchange({'j', 'u', 'n', 'k'}), &type, &reply));
+  Json::Value reply =
+      ReplyOf(client.Ask(kHalLinkCommand, {'j', 'u', 'n', 'k'}, kHalLinkCommandResult));
   EXPECT_EQ(reply["ret"], 1);  // not a command packet, and nothing to echo
   EXPECT_EQ(reply.size(), 1u);
   // Both endpoints serve one service: a session made on one is listed on the other.
