@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <memory>
@@ -36,15 +38,42 @@ class MonitorTrapReceiverFixture : public ::testing::Test {
   class Recorder {
    public:
     static void Handle(void* context, unsigned int time, libtidewatch::TRAP_TYPE type,
-                       unsigned long length, const unsigned char* data, unsigned long discardCount);
+                       unsigned long length, const unsigned char* data,
+                       unsigned long discardCount) {
+      auto* self = static_cast<Recorder*>(context);
+      std::string copy;
+      if (data != nullptr) {
+        copy.assign(reinterpret_cast<const char*>(data), std::min<unsigned long>(length, kCopied));
+      }
+      std::lock_guard<std::mutex> lock(self->m_mutex);
+      self->m_calls.push_back({context, time, type, length, data == nullptr, copy, discardCount});
+      self->m_changed.notify_all();
+    }
     // The drain handler: notes how many calls had arrived when it ran.
-    static void Drained(void* context);
+    static void Drained(void* context) {
+      auto* self = static_cast<Recorder*>(context);
+      std::lock_guard<std::mutex> lock(self->m_mutex);
+      self->m_drains.push_back(self->m_calls.size());
+      self->m_changed.notify_all();
+    }
     // Waits (with a generous guard) until `n` calls have arrived.
-    bool WaitForCount(size_t n);
+    bool WaitForCount(size_t n) {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      return m_changed.wait_for(lock, std::chrono::seconds(60),
+                                [&] { return m_calls.size() >= n; });
+    }
     // Waits up to a few seconds until the drain handler has run after call `n`; gives the number
     // of calls at each drain so far.
-    std::vector<size_t> WaitForDrainAfter(size_t n);
-    std::vector<Call> Calls();
+    std::vector<size_t> WaitForDrainAfter(size_t n) {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      m_changed.wait_for(lock, std::chrono::seconds(5),
+                         [&] { return !m_drains.empty() && m_drains.back() >= n; });
+      return m_drains;
+    }
+    std::vector<Call> Calls() {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      return m_calls;
+    }
 
    private:
     std::mutex m_mutex;

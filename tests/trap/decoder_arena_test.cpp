@@ -10,18 +10,11 @@
 namespace libtidewatch {
 namespace {
 
-class DecoderArenaTest : public ::testing::Test {
- protected:
-  static bool Aligned(const void* p, size_t alignment) {
-    return reinterpret_cast<uintptr_t>(p) % alignment == 0;
-  }
-  DecoderArena arena_;
-};
-
 // Mixed sizes and alignments, across block boundaries and with requests larger than any block:
 // every block is aligned, writable to its last byte and overlaps no other (ASan watches the
 // writes, the final check catches overlaps).
-TEST_F(DecoderArenaTest, BlocksAreAlignedWritableAndDisjoint) {
+TEST(DecoderArenaTest, BlocksAreAlignedWritableAndDisjoint) {
+  DecoderArena arena;
   struct Request {
     size_t bytes;
     size_t alignment;
@@ -36,9 +29,9 @@ TEST_F(DecoderArenaTest, BlocksAreAlignedWritableAndDisjoint) {
   for (int round = 0; round < 3; ++round) {
     for (const Request& r : requests) {
       SCOPED_TRACE(std::to_string(r.bytes) + "/" + std::to_string(r.alignment));
-      auto* data = static_cast<unsigned char*>(arena_.allocate(r.bytes, r.alignment));
+      auto* data = static_cast<unsigned char*>(arena.allocate(r.bytes, r.alignment));
       ASSERT_NE(data, nullptr);
-      EXPECT_TRUE(Aligned(data, r.alignment));
+      EXPECT_EQ(reinterpret_cast<uintptr_t>(data) % r.alignment, 0u);
       auto fill = static_cast<unsigned char>(given.size());
       memset(data, fill, r.bytes);
       given.push_back({data, r.bytes, fill});
@@ -46,11 +39,9 @@ TEST_F(DecoderArenaTest, BlocksAreAlignedWritableAndDisjoint) {
   }
   for (const Given& g : given) {
     for (size_t i = 0; i < g.bytes; i += 4093) ASSERT_EQ(g.data[i], g.fill);
-    if (g.bytes > 0) {
-      ASSERT_EQ(g.data[g.bytes - 1], g.fill);
-    }
+    ASSERT_TRUE(g.bytes == 0 || g.data[g.bytes - 1] == g.fill);
   }
-  EXPECT_GE(arena_.Reserved(), 3u * (20u << 20));
+  EXPECT_GE(arena.Reserved(), 3u * (20u << 20));
 }
 
 }  // namespace

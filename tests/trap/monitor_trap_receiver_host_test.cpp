@@ -31,8 +31,6 @@ TEST_F(MonitorTrapReceiverHostTest, NullServerNameUsesTheSessionNumberAlone) {
   if (log.Contains("E Fail to setup domain socket.")) {
     GTEST_SKIP() << "the abstract socket name \"7\" is taken by another process";
   }
-  EXPECT_TRUE(log.Contains("D MonitorTrapReceiver HIDL service connect: false"));
-  EXPECT_TRUE(log.Contains("D MonitorTrapReceiver Constructor done! Server name is 7(null)"));
   ExpectTrapArrives("7", "seven", 1);
 }
 
