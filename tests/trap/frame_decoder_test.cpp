@@ -1,6 +1,8 @@
 #include "libtidewatch/trap/frame_decoder.h"
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -26,7 +28,12 @@ constexpr char kMandatory[] =
 
 class FrameDecoderTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_FALSE(dir_.path().empty()); }
+  // The device folders are chosen by system properties, read here from a host property file.
+  void SetUp() override {
+    ASSERT_FALSE(dir_.path().empty());
+    setenv("TIDEWATCH_HOST_PROPERTIES", (dir_.path() + "/properties").c_str(), 1);
+  }
+  void TearDown() override { unsetenv("TIDEWATCH_HOST_PROPERTIES"); }
 
   std::string Write(const std::string& name, const std::string& text) {
     EXPECT_TRUE(dir_.Write(name, text)) << name;
@@ -94,13 +101,6 @@ TEST_F(FrameDecoderTest, FieldsAreTrimmedAndEmptyOnesDropped) {
   EXPECT_EQ(decoder_.m_otaSIMIdx.offset, 8u);
   EXPECT_EQ(decoder_.m_msgEMIDMapping.at(7), 9u);
   EXPECT_EQ(decoder_.m_globalIDs.at(3).name, "NAME ONE");
-}
-
-TEST_F(FrameDecoderTest, CarriageReturnStaysInTheLastField) {
-  EXPECT_FALSE(Load("#OTA_INFO\r\n#OTA_INFO\nOTA_TRACE_ID_OFFSET,4,4\r\n"));
-  EXPECT_TRUE(log_.Contains("E Failed to convert [4\r] to uint64_t."));
-  EXPECT_EQ(log_.Lines().back(), "E Failed to collect information [OTA_TRACE_ID_OFFSET,4,4\r]");
-  EXPECT_FALSE(decoder_.m_otaTraceID.loaded);
 }
 
 TEST_F(FrameDecoderTest, ManyNamesGiveWhatLineByLineInsertionGives) {
@@ -174,6 +174,7 @@ TEST_F(FrameDecoderTest, HostileContentNeverCrashes) {
       {"unmatched brackets", "#GLOBAL_ID\n((((\n", false},
       {"only a header mark", "#\n#GLOBAL_ID\nA(1)\n", true},
       {"no final newline", "#TIME_INFO\nTIMESTAMP_PRECISION(7)", true},
+      {"carriage return stays in the last field", "#OTA_INFO\nOTA_SIM_IDX_OFFSET,8,1\r\n", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -246,14 +247,104 @@ TEST_F(FrameDecoderTest, SearchLayoutFileMatchesPrefixAndExtension) {
     EXPECT_EQ(buffer, c.found ? path : "");
     unlink(path.c_str());
   }
-  std::string trailing = dir_.path() + "/";
-  Write("twd_layout_desc.dat", "");
-  ASSERT_TRUE(FrameDecoder::SearchLayoutFile(trailing.c_str(), buffer, sizeof(buffer)));
-  EXPECT_EQ(buffer, dir_.path() + "//twd_layout_desc.dat");
-
   EXPECT_FALSE(FrameDecoder::SearchLayoutFile(dir_.path().c_str(), nullptr, 4096));
   EXPECT_FALSE(
       FrameDecoder::SearchLayoutFile((dir_.path() + "/none").c_str(), buffer, sizeof(buffer)));
+}
+
+// GetInstance: one decoder per key, shared by every caller. The cache lives as long as the process,
+// so every test uses paths of its own.
+TEST_F(FrameDecoderTest, OneDecoderPerKeyFailuresIncluded) {
+  FrameDecoder* none = FrameDecoder::GetInstance(nullptr);
+  ASSERT_NE(none, nullptr);
+  EXPECT_EQ(FrameDecoder::GetInstance(nullptr), none);
+  EXPECT_EQ(FrameDecoder::GetInstance("NULL"), none);  // the key of a null path
+
+  std::string good = Write("good.dat", std::string(kMandatory) + "#GLOBAL_ID\nRRC_SETUP(7)\n");
+  FrameDecoder* loaded = FrameDecoder::GetInstance(good.c_str());
+  EXPECT_NE(loaded, none);
+  EXPECT_EQ(FrameDecoder::GetInstance(good.c_str()), loaded);
+  EXPECT_STREQ(loaded->GetMsgString(TRAP_TYPE_OTA, 7), "RRC_SETUP");
+  EXPECT_EQ(log_.Count("D LayoutDescPath = [" + good + "]"), 1u);
+
+  // A failed load is cached: the file appearing later does not make the same key load it.
+  std::string late = dir_.path() + "/late.dat";
+  FrameDecoder* failed = FrameDecoder::GetInstance(late.c_str());
+  ASSERT_NE(failed, nullptr);
+  EXPECT_EQ(log_.Count("E Failed to load layout description file: [" + late + "]"), 1u);
+  Write("late.dat", std::string(kMandatory) + "#GLOBAL_ID\nRRC_SETUP(7)\n");
+  EXPECT_EQ(FrameDecoder::GetInstance(late.c_str()), failed);
+  EXPECT_EQ(failed->GetMsgString(TRAP_TYPE_OTA, 7), nullptr);
+  EXPECT_EQ(log_.Count("D LayoutDescPath = [" + late + "]"), 1u);
+}
+
+TEST_F(FrameDecoderTest, ConcurrentCallersShareOneLoadPerKey) {
+  std::vector<std::string> keys;
+  for (int i = 0; i < 4; ++i) {
+    keys.push_back(
+        Write("threads" + std::to_string(i) + ".dat",
+              std::string(kMandatory) + "#GLOBAL_ID\nNAME(" + std::to_string(i) + ")\n"));
+  }
+  keys.push_back(dir_.path() + "/missing.dat");
+  constexpr int kThreads = 8;
+  std::vector<std::vector<FrameDecoder*>> seen(kThreads, std::vector<FrameDecoder*>(keys.size()));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      // Each thread walks the keys from a different start, several times.
+      for (size_t n = 0; n < 3 * keys.size(); ++n) {
+        size_t k = (t + n) % keys.size();
+        FrameDecoder* decoder = FrameDecoder::GetInstance(keys[k].c_str());
+        if (seen[t][k] == nullptr) seen[t][k] = decoder;
+        EXPECT_EQ(seen[t][k], decoder);
+        EXPECT_EQ(decoder->GetMsgString(TRAP_TYPE_OTA, k) != nullptr, k < 4);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  for (size_t k = 0; k < keys.size(); ++k) {
+    for (int t = 1; t < kThreads; ++t) EXPECT_EQ(seen[t][k], seen[0][k]) << keys[k];
+    EXPECT_EQ(log_.Count("D LayoutDescPath = [" + keys[k] + "]"), 1u) << keys[k];
+  }
+}
+
+TEST_F(FrameDecoderTest, PropertiesChooseTheFolder) {
+  struct stat st;
+  if (stat("/data/vendor/kelpie", &st) == 0 || stat("/vendor/etc/mddb", &st) == 0) {
+    GTEST_SKIP() << "the device folders exist on this host";
+  }
+  const std::string kSingle = "ro.vendor.vlr_single_bin_modem_support=",
+                    kThin = "ro.vendor.vlr_thin_md_twd_channel=";
+  // The thin-modem folder is searched, but the failure still names the usual folder.
+  struct Case {
+    std::string properties;
+    const char* searched;
+    const char* named;
+  } cases[] = {
+      {"", "/vendor/etc/mddb", "/vendor/etc/mddb"},
+      {kSingle + "1\n", "/data/vendor/kelpie/", "/data/vendor/kelpie/"},
+      {kSingle + "10\n" + kThin + "0\n", "/vendor/etc/mddb", "/vendor/etc/mddb"},
+      {kThin + "1\n", "/data/vendor/kelpie", "/vendor/etc/mddb"},
+      {kThin + "1\n" + kSingle + "1\n", "/data/vendor/kelpie/", "/data/vendor/kelpie/"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.properties);
+    Write("properties", c.properties);
+    log_.Clear();
+    FrameDecoder decoder;
+    EXPECT_FALSE(decoder.LoadFromDefaultLocation());
+    std::vector<std::string> want = {
+        "E Failed to opendir [" + std::string(c.searched) +
+            "]. err = [No such file or directory](2)",
+        "E Failed to find layout file in folder [" + std::string(c.named) + "].",
+        "D Layout file [] was found!",
+        "E Failed to open []. errno = [2] (No such file or directory)",
+        "E Failed to load layout description file: []"};
+    if (std::string(c.searched) == "/data/vendor/kelpie") {
+      want.insert(want.begin(), "I ThinModem project.change path to ThinModem");
+    }
+    EXPECT_EQ(log_.Lines(), want);
+  }
 }
 
 }  // namespace
