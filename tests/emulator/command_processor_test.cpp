@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,9 @@
 
 namespace hal_emulator {
 namespace {
+
+using libtidewatch::MONITOR_SESSION_STATUS;
+using libtidewatch::TRAP_TYPE;
 
 class CommandProcessorTest : public testing::Test {
  protected:
@@ -36,7 +40,7 @@ class CommandProcessorTest : public testing::Test {
   CommandProcessor processor_{&sessions_, ServiceSecrets{}};
 };
 
-TEST_F(CommandProcessorTest, SecretsChooseTheLevel) {
+TEST_F(CommandProcessorTest, SecretsChooseTheLevelAndTheRights) {
   uint64_t guest = Create();
   uint64_t manager = Create(R"({"secret":"TidewatchManagerAccess"})");
   uint64_t root = Create(R"({"secret":"TidewatchRootAccess"})");
@@ -50,13 +54,11 @@ TEST_F(CommandProcessorTest, SecretsChooseTheLevel) {
   EXPECT_EQ(Ret("Tidewatch.Session", "close", close + std::to_string(root) + "}"),
             kRetPermissionDenied);
   EXPECT_EQ(Ret("Tidewatch.Session", "close", close + std::to_string(guest) + "}"), kRetOk);
-}
 
-TEST_F(CommandProcessorTest, DebugLevelNeedsAPrivilegedDoerAndAKnownLevel) {
+  // The debug level needs a privileged doer and a known level.
+  guest = Create();
   std::vector<int> applied;
   processor_.SetDebugLevelHook([&](int level) { applied.push_back(level); });
-  uint64_t guest = Create();
-  uint64_t manager = Create(R"({"secret":"TidewatchManagerAccess"})");
   auto set = [&](uint64_t doer, int level) {
     return Ret(
         "Tidewatch.DebugLevel", "set",
@@ -123,8 +125,6 @@ TEST_F(CommandProcessorTest, BadArgumentsAreRefused) {
       {"Tidewatch.Session", "close", "{}"},
       {"Tidewatch.Session", "close", R"({"sessionId":"1"})"},
       {"Tidewatch.Session", "close", R"({"sessionId":-1})"},
-      {"Tidewatch.Session", "close", R"({"sessionId":1.5})"},
-      {"Tidewatch.Session", "close", R"({"sessionId":true})"},
       {"Tidewatch.Session", "close", R"({"sessionId":1,"doerId":null})"},
       {"Tidewatch.Session", "get", R"({"sessionId":1e30})"},
       {"Tidewatch.Session", "list", "{}"},
@@ -159,6 +159,133 @@ TEST_F(CommandProcessorTest, DeepNestingIsRefusedNotThrown) {
                        R"({"secret":")" +
                        std::string(200, '[') + "\"}}";
   EXPECT_EQ(Run(quoted)["ret"].asInt(), kRetWrongSecret);
+}
+
+class SessionTableTest : public testing::Test {
+ protected:
+  uint64_t Make(SessionLevel level) {
+    uint64_t id = 0;
+    EXPECT_EQ(table_.Create(level, &id), kRetOk);
+    return id;
+  }
+
+  SessionLimits limits_{/*maxSessions=*/8, /*maxSubscriptions=*/3};
+  SessionTable table_{100, limits_};
+};
+
+TEST_F(SessionTableTest, IdsIncreaseAreNeverReusedAndRunOut) {
+  uint64_t a = Make(SessionLevel::kGuest);
+  uint64_t b = Make(SessionLevel::kGuest);
+  EXPECT_EQ(a, 100u);
+  EXPECT_EQ(b, 101u);
+  ASSERT_EQ(table_.Close(0, b), kRetOk);
+  EXPECT_EQ(Make(SessionLevel::kGuest), 102u);
+
+  SessionTable last(UINT64_MAX, limits_);  // runs out instead of wrapping to 0
+  uint64_t id = 0;
+  ASSERT_EQ(last.Create(SessionLevel::kGuest, &id), kRetOk);
+  EXPECT_EQ(id, UINT64_MAX);
+  EXPECT_EQ(last.Create(SessionLevel::kGuest, &id), kRetSessionLimit);
+  // At the session limit creation is refused until one closes.
+  while (table_.Size() < limits_.maxSessions) Make(SessionLevel::kGuest);
+  EXPECT_EQ(table_.Create(SessionLevel::kGuest, &id), kRetSessionLimit);
+  ASSERT_EQ(table_.Close(0, 100), kRetOk);
+  EXPECT_EQ(table_.Create(SessionLevel::kGuest, &id), kRetOk);
+}
+
+TEST_F(SessionTableTest, DoerRules) {
+  uint64_t guest = Make(SessionLevel::kGuest);
+  uint64_t guest2 = Make(SessionLevel::kGuest);
+  uint64_t manager = Make(SessionLevel::kManager);
+  uint64_t manager2 = Make(SessionLevel::kManager);
+  uint64_t root = Make(SessionLevel::kRoot);
+  uint64_t root2 = Make(SessionLevel::kRoot);
+  struct Case {
+    uint64_t doer, target;
+    int ret;
+  } cases[] = {
+      {0, guest, kRetOk},
+      {guest, guest, kRetOk},
+      {guest, guest2, kRetPermissionDenied},
+      {guest, manager, kRetPermissionDenied},
+      {manager, guest, kRetOk},
+      {manager, manager, kRetOk},
+      {manager, manager2, kRetPermissionDenied},
+      {manager, root, kRetPermissionDenied},
+      {root, guest, kRetOk},
+      {root, manager, kRetOk},
+      {root, root2, kRetOk},
+      {0, 999, kRetNoSuchSession},
+      {999, guest, kRetNoSuchSession},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(table_.SetTrapEnabled(c.doer, c.target, true), c.ret)
+        << "doer " << c.doer << " target " << c.target;
+    MONITOR_SESSION_STATUS status;
+    EXPECT_EQ(table_.Get(c.doer, c.target, &status), c.ret);
+  }
+  // A refused doer changed nothing.
+  MONITOR_SESSION_STATUS status;
+  ASSERT_EQ(table_.Get(0, root2, &status), kRetOk);
+  EXPECT_TRUE(status.trapEnabled);  // only root touched it
+  ASSERT_EQ(table_.Get(0, manager2, &status), kRetOk);
+  EXPECT_FALSE(status.trapEnabled);
+  // A list shows what the doer may act on.
+  std::vector<uint64_t> ids{42};
+  ASSERT_EQ(table_.List(guest, &ids), kRetOk);
+  EXPECT_EQ(ids, (std::vector<uint64_t>{guest}));
+  ASSERT_EQ(table_.List(manager, &ids), kRetOk);
+  EXPECT_EQ(ids, (std::vector<uint64_t>{guest, guest2, manager}));
+  ASSERT_EQ(table_.List(root, &ids), kRetOk);
+  EXPECT_EQ(ids.size(), 6u);
+  EXPECT_EQ(table_.List(0, &ids), kRetNoSuchSession);
+  EXPECT_EQ(table_.CheckPrivileged(guest), kRetPermissionDenied);
+  EXPECT_EQ(table_.CheckPrivileged(manager), kRetOk);
+  EXPECT_EQ(table_.CheckPrivileged(0), kRetNoSuchSession);
+}
+
+TEST_F(SessionTableTest, SubscriptionsAreCountedOnceAndLimited) {
+  uint64_t s = Make(SessionLevel::kGuest);
+  EXPECT_EQ(table_.Subscribe(0, s, libtidewatch::TRAP_TYPE_EM, 7), kRetOk);
+  EXPECT_EQ(table_.Subscribe(0, s, libtidewatch::TRAP_TYPE_EM, 7),
+            kRetOk);  // again: no second slot used
+  EXPECT_EQ(table_.Subscribe(0, s, libtidewatch::TRAP_TYPE_OTA, 7), kRetOk);
+  EXPECT_EQ(table_.Subscribe(0, s, libtidewatch::TRAP_TYPE_EM, 5), kRetOk);
+  EXPECT_EQ(table_.Subscribe(0, s, libtidewatch::TRAP_TYPE_IP, 1), kRetSubscriptionLimit);
+  EXPECT_EQ(table_.Unsubscribe(0, s, libtidewatch::TRAP_TYPE_IP, 1), kRetNotSubscribed);
+  EXPECT_EQ(table_.Unsubscribe(0, s, libtidewatch::TRAP_TYPE_EM, 7), kRetOk);
+  EXPECT_EQ(table_.Subscribe(0, s, libtidewatch::TRAP_TYPE_IP, 1), kRetOk);
+  EXPECT_EQ(table_.Subscribe(0, s, libtidewatch::TRAP_TYPE_DISCARD_INFO, 1), kRetBadArgument);
+
+  MONITOR_SESSION_STATUS status;
+  ASSERT_EQ(table_.Get(0, s, &status), kRetOk);
+  EXPECT_EQ(status.subscribedTraps[libtidewatch::TRAP_TYPE_EM], (std::vector<uint64_t>{5}));
+  EXPECT_EQ(status.subscribedTraps[libtidewatch::TRAP_TYPE_OTA], (std::vector<uint64_t>{7}));
+  EXPECT_EQ(status.subscribedTraps[libtidewatch::TRAP_TYPE_IP], (std::vector<uint64_t>{1}));
+}
+
+TEST_F(SessionTableTest, OnlyCompleteSessionsReceiveTraps) {
+  uint64_t full = Make(SessionLevel::kGuest);
+  uint64_t noReceiver = Make(SessionLevel::kGuest);
+  uint64_t disabled = Make(SessionLevel::kGuest);
+  uint64_t noSubscription = Make(SessionLevel::kGuest);
+  for (uint64_t s : {full, noReceiver, disabled, noSubscription}) {
+    if (s != noSubscription) {
+      table_.Subscribe(0, s, libtidewatch::TRAP_TYPE_VOLTE, 9);
+      table_.Subscribe(0, s, libtidewatch::TRAP_TYPE_OTA, 3);
+    }
+    if (s != noReceiver) table_.SetReceiver(0, s, std::to_string(s) + "rx");
+    if (s != disabled) table_.SetTrapEnabled(0, s, true);
+  }
+  std::vector<DeliveringSession> receiving = table_.Delivering();
+  ASSERT_EQ(receiving.size(), 1u);
+  EXPECT_EQ(receiving[0].id, full);
+  EXPECT_EQ(receiving[0].destination, std::to_string(full) + "rx");
+  using Sub = std::pair<TRAP_TYPE, uint64_t>;
+  EXPECT_EQ(receiving[0].subscriptions, (std::vector<Sub>{{libtidewatch::TRAP_TYPE_OTA, 3},
+                                                          {libtidewatch::TRAP_TYPE_VOLTE, 9}}));
+  ASSERT_EQ(table_.Close(0, full), kRetOk);
+  EXPECT_TRUE(table_.Delivering().empty());
 }
 
 }  // namespace

@@ -75,10 +75,8 @@ TEST_F(FrameDecoderTest, MissingMandatoryOffsetIsNamed) {
     log_.Clear();
     EXPECT_EQ(decoder.LoadFromDESC(Write("layout", c.text).c_str()), c.missing == nullptr);
     if (c.missing != nullptr) {
-      EXPECT_EQ(log_.Lines().back(), std::string("E ") + c.missing + " wasn't loaded!");
-      EXPECT_EQ(log_.Lines(kLogError).size(), 1u);
-    } else {
-      EXPECT_TRUE(log_.Contains("D Load Layout DESC [" + dir_.path() + "/layout] successfully."));
+      EXPECT_EQ(log_.Lines(kLogError),
+                std::vector<std::string>{std::string("E ") + c.missing + " wasn't loaded!"});
     }
   }
 }
@@ -279,32 +277,19 @@ TEST_F(FrameDecoderTest, OneDecoderPerKeyFailuresIncluded) {
 }
 
 TEST_F(FrameDecoderTest, ConcurrentCallersShareOneLoadPerKey) {
-  std::vector<std::string> keys;
-  for (int i = 0; i < 4; ++i) {
-    keys.push_back(
-        Write("threads" + std::to_string(i) + ".dat",
-              std::string(kMandatory) + "#GLOBAL_ID\nNAME(" + std::to_string(i) + ")\n"));
-  }
-  keys.push_back(dir_.path() + "/missing.dat");
-  constexpr int kThreads = 8;
-  std::vector<std::vector<FrameDecoder*>> seen(kThreads, std::vector<FrameDecoder*>(keys.size()));
+  std::vector<std::string> keys = {dir_.path() + "/missing.dat"};
+  for (int i = 0; i < 4; ++i) keys.push_back(Write("threads" + std::to_string(i), kMandatory));
+  std::vector<std::vector<FrameDecoder*>> seen(8);
   std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      // Each thread walks the keys from a different start, several times.
-      for (size_t n = 0; n < 3 * keys.size(); ++n) {
-        size_t k = (t + n) % keys.size();
-        FrameDecoder* decoder = FrameDecoder::GetInstance(keys[k].c_str());
-        if (seen[t][k] == nullptr) seen[t][k] = decoder;
-        EXPECT_EQ(seen[t][k], decoder);
-        EXPECT_EQ(decoder->GetMsgString(TRAP_TYPE_OTA, k) != nullptr, k < 4);
-      }
+  for (auto& mine : seen) {
+    threads.emplace_back([&keys, &mine] {
+      for (const std::string& key : keys) mine.push_back(FrameDecoder::GetInstance(key.c_str()));
     });
   }
   for (std::thread& thread : threads) thread.join();
-  for (size_t k = 0; k < keys.size(); ++k) {
-    for (int t = 1; t < kThreads; ++t) EXPECT_EQ(seen[t][k], seen[0][k]) << keys[k];
-    EXPECT_EQ(log_.Count("D LayoutDescPath = [" + keys[k] + "]"), 1u) << keys[k];
+  for (const auto& mine : seen) EXPECT_EQ(mine, seen[0]);
+  for (const std::string& key : keys) {
+    EXPECT_EQ(log_.Count("D LayoutDescPath = [" + key + "]"), 1u) << key;
   }
 }
 
