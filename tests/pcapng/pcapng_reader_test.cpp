@@ -36,7 +36,7 @@ class PcapngReaderTest : public ::testing::Test {
       writer.AppendTrap(s->trap, 0, &file);
     }
     writer.EndSection(1, 0, &file);
-    for (size_t at = 0; offsets != nullptr && at < file.size();
+    for (size_t at = 0; at < file.size();
          at += pcapng::Get32(reinterpret_cast<const uint8_t*>(file.data()) + at + 4)) {
       offsets->push_back(at);
     }
@@ -66,9 +66,10 @@ class PcapngReaderTest : public ::testing::Test {
 };
 
 TEST_F(PcapngReaderTest, DamageStopsAtTheBlockNamingItAfterEveryEarlierTrap) {
-  std::vector<size_t> at;  // SHB, IDB, EPB 1..3, ISB
-  const std::string good = MakeFile(3, &at);
-  ASSERT_EQ(6u, at.size());
+  std::vector<size_t> at;  // SHB, IDB, EPB 1...
+  // Several read chunks' worth, so blocks straddle the reader's buffer refills.
+  const std::string good = MakeFile(12000, &at);
+  ASSERT_GT(good.size(), 1u << 20);
   // "block N (Enhanced Packet Block ...) at byte offset ...: " for block N, the EPB at at[N - 1].
   auto epb = [&](size_t n) {
     return "block " + std::to_string(n) + " (Enhanced Packet Block 0x00000006) at byte offset " +
@@ -84,7 +85,7 @@ TEST_F(PcapngReaderTest, DamageStopsAtTheBlockNamingItAfterEveryEarlierTrap) {
     std::string error;
   };
   const std::vector<Case> cases = {
-      {"intact", good.size(), kCut, 3, ""},
+      {"intact", good.size(), kCut, 12000, ""},
       {"empty", 0, kCut, 0, "block 1 at byte offset 0: the file is empty"},
       {"not pcapng", 0, 0x464C457F, 0,
        "block 1 (block 0x464C457F) at byte offset 0: not a pcapng file (it does not start with a "
@@ -127,16 +128,6 @@ TEST_F(PcapngReaderTest, DamageStopsAtTheBlockNamingItAfterEveryEarlierTrap) {
       EXPECT_EQ(c.error, error);
     }
   }
-}
-
-TEST_F(PcapngReaderTest, LargeFileThroughADescriptorGivesEveryTrapInOrder) {
-  // Several read chunks' worth, so blocks straddle the reader's buffer refills.
-  const std::string file = MakeFile(12000, nullptr);
-  ASSERT_GT(file.size(), 1u << 20);
-  const auto [seqs, error] = ReadAll(file, true);
-  EXPECT_EQ("", error);
-  ASSERT_EQ(12000u, seqs.size());
-  for (size_t i = 0; i < seqs.size(); ++i) ASSERT_EQ(i + 1, seqs[i]);
 }
 
 // Every field a capture keeps must come back from the file as it went in.
