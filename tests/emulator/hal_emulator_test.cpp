@@ -7,9 +7,7 @@
 
 #include <chrono>
 #include <cstring>
-#include <memory>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "libtidewatch/platform/abstract_socket.h"

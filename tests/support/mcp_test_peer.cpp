@@ -3,9 +3,7 @@
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <stddef.h>
-#include <string.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace tidewatch_test {

@@ -22,6 +22,14 @@ std::unique_ptr<SampleTrap> Start(uint64_t seq, TRAP_TYPE type, const std::vecto
   return s;
 }
 
+std::string Number(const libtidewatch::TrapNumber& n) {
+  return n.present ? std::to_string(n.value) : "-";
+}
+
+std::string Named(const libtidewatch::TrapNumber& n, const std::optional<std::string_view>& name) {
+  return Number(n) + (name ? ":" + std::string(*name) : "");
+}
+
 }  // namespace
 
 std::unique_ptr<SampleTrap> OtaSample(uint64_t seq, const std::string& traceName, uint64_t traceId,
@@ -84,18 +92,6 @@ std::string Hex(const uint8_t* p, size_t n) {
   for (size_t i = 0; i < n; ++i) s += {kDigits[p[i] >> 4], kDigits[p[i] & 15]};
   return s;
 }
-
-namespace {
-
-std::string Number(const libtidewatch::TrapNumber& n) {
-  return n.present ? std::to_string(n.value) : "-";
-}
-
-std::string Named(const libtidewatch::TrapNumber& n, const std::optional<std::string_view>& name) {
-  return Number(n) + (name ? ":" + std::string(*name) : "");
-}
-
-}  // namespace
 
 std::string Render(const libtidewatch::DecodedTrap& d) {
   std::string s;
