@@ -1,6 +1,4 @@
-// DoMain's commands that get as far as sending, run in-process with standard output captured.
-// They meet a socket prefix where no service listens, fail at once, and their resp lines show
-// which ids the driver settled on; on a device the real service would answer them.
+// DoMain's commands that send: with no service they fail at once and show the ids settled on.
 #include <gtest/gtest.h>
 
 #include <string>

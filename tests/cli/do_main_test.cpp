@@ -1,5 +1,4 @@
-// DoMain's handling of options and words that never get as far as the service, run in-process
-// with standard output captured: every case ends in an argument error.
+// DoMain's options and words that never reach the service: every case is an argument error.
 #include <gtest/gtest.h>
 
 #include <string>

@@ -1,5 +1,4 @@
-// Writing the current-session file in a scratch working directory; reading it is pinned through
-// the commands that fall back on it.
+// Writing the current-session file; reading it is pinned through the commands that use it.
 #include "cli/session_file.h"
 
 #include <gtest/gtest.h>

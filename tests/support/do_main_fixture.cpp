@@ -21,24 +21,22 @@ void DoMainFixture::SetUp() {
 
 void DoMainFixture::TearDown() { EXPECT_TRUE(dir_.Leave()); }
 
-std::string DoMainFixture::Run(const std::string& args, int* status) {
-  std::vector<std::string> storage = {"tide_watch_ctrl"};
-  std::istringstream words(args);
-  for (std::string word; words >> word;) storage.push_back(word);
-  std::vector<char*> argv;
-  for (std::string& s : storage) argv.push_back(&s[0]);
-  argv.push_back(nullptr);
-  return CaptureStdout(dir_.path() + "/stdout",
-                       [&] { *status = m_entry(static_cast<int>(argv.size()) - 1, argv.data()); });
-}
-
 void DoMainFixture::RunCases(const std::vector<Case>& cases) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.args + " | file: " + (c.sessionFile ? c.sessionFile : "none"));
     unlink("current_session");
     if (c.sessionFile != nullptr) std::ofstream("current_session") << c.sessionFile;
+    std::vector<std::string> storage = {"tide_watch_ctrl"};
+    std::istringstream words(c.args);
+    for (std::string word; words >> word;) storage.push_back(word);
+    std::vector<char*> argv;
+    for (std::string& s : storage) argv.push_back(&s[0]);
+    argv.push_back(nullptr);
     int status = 0;
-    EXPECT_EQ(Run(c.args, &status), c.out);
+    EXPECT_EQ(
+        CaptureStdout(dir_.path() + "/stdout",
+                      [&] { status = m_entry(static_cast<int>(argv.size()) - 1, argv.data()); }),
+        c.out);
     EXPECT_EQ(status, c.status);
     // Without a service no command succeeds, and a failed one never touches the file.
     EXPECT_EQ(c.sessionFile ? dir_.Read("current_session") : "",

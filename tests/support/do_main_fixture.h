@@ -56,9 +56,8 @@ class DoMainFixture : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // Runs the entry point on "tide_watch_ctrl" + args (split at spaces) and returns what it printed.
-  std::string Run(const std::string& args, int* status);
-  // Runs every case, each with ./current_session as it says, and compares output and status.
+  // Runs the entry point on every case, each with ./current_session as it says, and compares
+  // what it printed and its status.
   void RunCases(const std::vector<Case>& cases);
 
   LogCapture quiet_{libtidewatch::kLogError};  // the errors the commands log are expected

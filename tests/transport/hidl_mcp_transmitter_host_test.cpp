@@ -1,5 +1,4 @@
-// Every case here needs the host HAL link: the service emulator, or a socket prefix where no
-// service is published so that the lookup fails for sure.
+// Every case needs the host HAL link: the emulator, or a prefix where no service listens.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -32,8 +31,7 @@ class HIDLMCPTransmitterTest : public ::testing::Test {
   // How long the blocking AIDL lookup waits; short where the service is absent on purpose.
   static void SetWaitMs(int ms) { setenv("TIDEWATCH_HAL_WAIT_MS", std::to_string(ms).c_str(), 1); }
 
-  // Sends a list-session command; true when the service answered it (with a refusal: there is
-  // no session), false when nothing or no reply got through.
+  // Sends list-session; true when the service answered it (refusing: there is no session).
   static bool SendsAndGetsReply(HIDLMCPTransmitter& tx) {
     std::vector<uint64_t> ids;
     const int32_t result = JsonCmdEncoder(&tx).ListSession(0, ids);
@@ -74,10 +72,7 @@ TEST_F(HIDLMCPTransmitterTest, PrefersAidlAndFallsBackToHidl) {
   }
 }
 
-// The death notification reconnects by itself when the service is back within the lookup's wait.
-// The hang-up of a killed service can be seen while its endpoint still accepts for a moment, so a
-// reconnection may land on the dying process and be followed by a second death; either way every
-// death ends in a reconnection made by the notification, never by a Send (no lookup fails).
+// A death reconnects by itself, maybe twice (a dying endpoint may still accept), never by a Send.
 TEST_F(HIDLMCPTransmitterTest, ReconnectsAidlOnDeath) {
   SetWaitMs(20000);
   ASSERT_TRUE(emulator.Start({"--aidl"}));
@@ -110,8 +105,7 @@ TEST_F(HIDLMCPTransmitterTest, HidlDeathLeavesNoHandleUntilNextSend) {
   EXPECT_EQ(log.Count(kHidlConnected), connections + 1);
 }
 
-// Sends keep going on another thread while the service dies and comes back; the death handler and
-// the sender share the connection mutex, and neither may block the other for good.
+// Sender and death handler share the connection mutex; neither may block the other for good.
 TEST_F(HIDLMCPTransmitterTest, SendsRaceWithDeath) {
   SetWaitMs(20000);
   ASSERT_TRUE(emulator.Start({"--aidl"}));

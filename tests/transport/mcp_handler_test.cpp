@@ -38,6 +38,7 @@ class MCPHandlerTest : public ::testing::Test {
 // A malformed packet is dropped with one error line, writes nothing and counts as written.
 TEST_F(MCPHandlerTest, WritesLittleEndianWireFormOrDropsMalformedPackets) {
   static const Bytes big(kMcpMaxPayload + 1, 'x');
+  const size_t kOver = kMcpMaxPayload + 1, kWrap = size_t{1} << 32;
   const struct {
     uint32_t type;
     size_t length;  // set directly: SetData would clamp it
@@ -48,20 +49,12 @@ TEST_F(MCPHandlerTest, WritesLittleEndianWireFormOrDropsMalformedPackets) {
       {MCP_TYPE_CMD, 2, big.data(), Packet(0x5775, "xx"), nullptr},
       {MCP_TYPE_REPLY, 2, big.data(), Packet(0x5875, "xx"), nullptr},
       {MCP_TYPE_TRAP, 2, big.data(), Packet(0xCAAC, "xx"), nullptr},
-      {MCP_TYPE_TRAP, (size_t{1} << 32) + 1, big.data(), Packet(0xCAAC, "x"), nullptr},  // cut
+      {MCP_TYPE_TRAP, kWrap + 1, big.data(), Packet(0xCAAC, "x"), nullptr},  // cut to 32 bits
       {MCP_TYPE_CMD, 3, nullptr, {}, "Do not need to cmd. data = [(nil)], len = [3]"},
       {MCP_TYPE_NONE, 3, big.data(), {}, "Undefined type! type = [0]. DROP."},
       {4, 3, big.data(), {}, "Undefined type! type = [4]. DROP."},
-      {MCP_TYPE_CMD,
-       kMcpMaxPayload + 1,
-       big.data(),
-       {},
-       "Payload length is invalid! len = [131073]. DROP."},
-      {MCP_TYPE_CMD,
-       size_t{1} << 32,
-       big.data(),
-       {},
-       "Payload length is invalid! len = [0]. DROP."},
+      {MCP_TYPE_CMD, kOver, big.data(), {}, "Payload length is invalid! len = [131073]. DROP."},
+      {MCP_TYPE_CMD, kWrap, big.data(), {}, "Payload length is invalid! len = [0]. DROP."},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.error ? c.error : "valid");
@@ -116,8 +109,7 @@ TEST_F(MCPHandlerTest, SearchHeaderResynchronises) {
       {"magic-like bytes only", Bytes(40, 0xAE), MCP_TYPE_NONE, 0, 9},
   };
   for (const auto& c : cases) {
-    // The fast and the byte-by-byte path; the stream fuzzer holds them against each other at
-    // every queue offset.
+    // The fast and the byte-by-byte path (the stream fuzzer compares them at every offset).
     for (int threshold : {kLogError, kLogDebug}) {
       SetLogThreshold(threshold);
       q->Reset();
@@ -132,22 +124,16 @@ TEST_F(MCPHandlerTest, SearchHeaderResynchronises) {
   }
 }
 
-// The callback road's reader; what it makes of whole, short and garbage packets is pinned through
-// the receiver. A buffer larger than the queue never reaches a search.
+// The callback road's reader (pinned through the receiver) never searches an oversized buffer.
 TEST_F(MCPHandlerTest, OneShotReaderRefusesBuffersItCannotHold) {
   const Bytes tooBig = Concat({Header(0x5775, 5), Bytes(DataQueue::kCapacity, 0)});
   MCPInfo none;
   EXPECT_FALSE(MCPHandler::ProcessFromBuffer(tooBig.data(), tooBig.size(), none, nullptr));
   EXPECT_EQ(log_.Lines(), std::vector<std::string>{"E ProcessFromBuffer dataQ.Push false"});
-}
-
-// SetData clamps even a borrowed length.
-TEST_F(MCPHandlerTest, PacketSetDataClamps) {
-  static const Bytes big(200000, 'b');
-  MCPInfo info;
-  info.SetData(MCP_TYPE_TRAP, big.size(), big.data(), false);
-  EXPECT_EQ(info.length, kMcpMaxPayload);
-  EXPECT_EQ(info.data, big.data());
+  // SetData clamps even a borrowed length.
+  none.SetData(MCP_TYPE_TRAP, tooBig.size(), tooBig.data(), false);
+  EXPECT_EQ(none.length, kMcpMaxPayload);
+  EXPECT_EQ(none.data, tooBig.data());
 }
 
 }  // namespace

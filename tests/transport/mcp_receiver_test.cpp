@@ -113,8 +113,7 @@ class McpReceiverTest : public ::testing::Test {
   std::unique_ptr<DataQueue> replies{new DataQueue};
 };
 
-// The first payload is itself a whole packet: were an awaited payload searched for a header again,
-// the inner packet would come out instead of the outer one.
+// The first payload is itself a packet: an awaited payload must not be searched for a header.
 TEST_F(McpReceiverTest, StreamCutAnywhereGivesEveryPacketOnceInOrder) {
   const Bytes inner = McpPacket(MCP_TYPE_CMD, B("inner"));
   const Bytes stream =
@@ -132,10 +131,7 @@ TEST_F(McpReceiverTest, StreamCutAnywhereGivesEveryPacketOnceInOrder) {
   EXPECT_EQ(handler.TakeSeen(), expected);
 }
 
-// Half a packet waits for the rest on its own connection; another connection's packet, or one
-// pushed through a callback, neither completes it nor is swallowed by it. A connection lost
-// mid-packet leaves nothing behind for a later one, which may well be allocated at the same
-// address.
+// Per-connection pending headers: a lost connection leaves nothing for one at the same address.
 TEST_F(McpReceiverTest, HalfPacketBelongsToItsConnection) {
   const Bytes fromA = McpPacket(MCP_TYPE_TRAP, B("payload of a"));
   for (int round = 0; round < 3; ++round) {
@@ -158,8 +154,7 @@ TEST_F(McpReceiverTest, HalfPacketBelongsToItsConnection) {
   }
 }
 
-// A peer may send a type nobody handles: the packet is consumed and the stream goes on. Handlers
-// for undefined types are not taken.
+// A type nobody handles is consumed; handlers for undefined types are not taken.
 TEST_F(McpReceiverTest, PacketsWithoutHandlerAreConsumed) {
   receiver.SetPayloadHandler(MCP_TYPE_CMD, nullptr);
   for (uint32_t type : {0u, 4u, 0xFFFFFFFFu}) {
@@ -171,8 +166,7 @@ TEST_F(McpReceiverTest, PacketsWithoutHandlerAreConsumed) {
   EXPECT_EQ(handler.TakeSeen(), (std::vector<Seen>{"R:r", "T:t"}));
 }
 
-// A callback buffer gives its first whole packet, or fails and leaves no half packet behind for
-// either road; an answer goes back the way its packet came.
+// A callback buffer gives its first whole packet or leaves no half one; answers go back its way.
 TEST_F(McpReceiverTest, CallbackHandlesOnlyTheFirstWholePacket) {
   handler.answer = B("pong");
   const Bytes wire = McpPacket(MCP_TYPE_REPLY, B("pong"));
@@ -204,8 +198,7 @@ TEST_F(McpReceiverTest, CallbackHandlesOnlyTheFirstWholePacket) {
   }
 }
 
-// Socket clients and callback threads deliver at the same time; the handler is never entered twice
-// at once and nothing is lost. Run under ThreadSanitizer too.
+// Sockets and callbacks at once: the handler is never entered twice and nothing is lost.
 TEST_F(McpReceiverTest, BothRoadsAtOnceAreSerialised) {
   constexpr int kPerSender = 300;
   std::string name = UniqueSocketName();
@@ -244,6 +237,11 @@ TEST_F(McpReceiverTest, BothRoadsAtOnceAreSerialised) {
   listener.Stop();
   aidl->SetReceiver(nullptr);
   hidl->SetReceiver(nullptr);
+  // Without a receiver a callback refuses, so that the service counts the trap as discarded.
+  bool taken = true;
+  EXPECT_TRUE(aidl->MCPReceiver(McpPacket(MCP_TYPE_TRAP, B("late")), &taken));
+  EXPECT_FALSE(taken);
+  EXPECT_FALSE(hidl->MCPReceiver(McpPacket(MCP_TYPE_TRAP, B("late"))));
 
   std::vector<Seen> seen = handler.TakeSeen();
   EXPECT_FALSE(handler.Overlapped());

@@ -23,8 +23,7 @@ using Bytes = std::vector<uint8_t>;
 class SocketConnectionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    // Writes spin until stopped and the peer's reads block: a fault that leaves either waiting
-    // ends the test by SIGALRM instead of hanging it.
+    // Writes spin until stopped and the peer's reads block: a fault ends the test by SIGALRM.
     alarm(20);
     int fds[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
@@ -43,8 +42,7 @@ class SocketConnectionTest : public ::testing::Test {
   int peer = -1;
 };
 
-// Bytes both ways; an empty read is a success that keeps the connection, a full queue a failure
-// that keeps it too, and the peer's close a failure that ends it, on read and on write alike.
+// An empty read keeps the connection, a full queue fails and keeps it, the peer's close ends it.
 TEST_F(SocketConnectionTest, ReadsWritesAndNoticesTheEnd) {
   const Bytes out = {1, 2, 3, 0, 255};
   ASSERT_TRUE(conn->Write(out.data(), out.size(), nullptr));
@@ -86,26 +84,6 @@ TEST_F(SocketConnectionTest, StopFlagEndsABlockedWriteAsSuccess) {
   EXPECT_TRUE(conn->Write(big.data(), big.size(), &stop));
   stopper.join();
   EXPECT_TRUE(conn->valid);
-  EXPECT_TRUE(log_.Contains("E write to fd failed: [" + std::to_string(conn->fd) +
-                            "], err = [Resource temporarily unavailable]"));
-  EXPECT_FALSE(log_.Contains("D SocketConnection::Send to fd: [" + std::to_string(conn->fd) +
-                             "] size=[16777216] successfully."));
-}
-
-// A pipe is written like a socket; the destructor closes the descriptor.
-TEST_F(SocketConnectionTest, PipesAndClose) {
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  conn.reset(new SocketConnection(fds[1], nullptr));
-  const Bytes out = {4, 5, 6};
-  ASSERT_TRUE(conn->Write(out.data(), out.size(), nullptr));
-  conn.reset();
-  Bytes got(8);
-  got.resize(static_cast<size_t>(read(fds[0], got.data(), got.size())));
-  EXPECT_EQ(got, out);
-  EXPECT_EQ(read(fds[0], got.data(), 1), 0);  // end of stream: the connection closed its end
-  EXPECT_EQ(read(peer, got.data(), 1), 0);    // and the socket's, replaced above
-  close(fds[0]);
 }
 
 }  // namespace

@@ -79,9 +79,7 @@ class SocketListenerTest : public ::testing::Test {
   std::vector<int> m_fds;
 };
 
-// A client sends in two pieces and closes: the exact bytes are read, and the connection is
-// removed once the close was seen, whether or not anyone consumes the bytes. A name longer than
-// an address holds is cut to its first 107 bytes.
+// Exact bytes in two pieces; removal on close, with or without a handler; long names cut to 107.
 TEST_F(SocketListenerTest, ServesAClientAndRemovesItAfterItCloses) {
   for (bool withHandler : {true, false}) {
     SCOPED_TRACE(withHandler ? "with handler" : "without handler");
@@ -106,8 +104,7 @@ TEST_F(SocketListenerTest, ServesAClientAndRemovesItAfterItCloses) {
   }
 }
 
-// The loop driven by hand, on a listener whose own socket could not be set up: a second AddSocket
-// for a known descriptor only renames its connection, and one beyond select's limit is closed.
+// A known descriptor is only renamed, one beyond select's limit closed (FD_SETSIZE fds).
 TEST_F(SocketListenerTest, AddSocketRenamesKnownDescriptorsAndRefusesHugeOnes) {
   LogCapture log(kLogError);
   SocketListener listener(nullptr);
@@ -132,8 +129,7 @@ TEST_F(SocketListenerTest, AddSocketRenamesKnownDescriptorsAndRefusesHugeOnes) {
   std::thread loop([&] { listener.Listen(); });
   ASSERT_TRUE(WriteText(pair[1], "abc"));
   EXPECT_EQ(handler.WaitForBytes(3), "abc");
-  // Stopped from a thread that is neither the loop's nor the creator's: there is no thread of its
-  // own to join.
+  // Stopped from a third thread: there is no thread of its own to join.
   auto stopper = std::async(std::launch::async, [&] { listener.Stop(); });
   if (stopper.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
     ADD_FAILURE() << "Stop waits for a thread it never started";
