@@ -60,7 +60,6 @@ TEST_F(DoMainHostTest, SessionFileDefaults) {
        9},
       {"--enable-trap", "18446744073709551615",
        "resp = [9], doerId = [0], sessionId = [18446744073709551615]\n", 9},
-      {"--get-session", kNone, kNoFile + kNeedSession, -1},
       // A stored 0 is a successful read: the command goes on with session 0.
       {"--close-session", "0", "resp = [9], doerId = [0], sessionId = [0]\n", 9},
       // A given id means the file is not read at all.
@@ -80,7 +79,6 @@ TEST_F(DoMainHostTest, SubscriptionChecksTypeThenSessionThenMsgId) {
         {option + "type=ota sessionId=1 msgId=5", "4", kNeedType, -1},
         {option + "type=EM type=bogus sessionId=1 msgId=5", "4", kNeedType, -1},
         {option + "type=EM msgId=5", kNone, kNoFile + kNeedSession, -1},
-        {option + "type=EM", kNone, kNoFile + kNeedSession, -1},
         {option + "type=EM sessionId=2", kNone, kNeedMsgId, -1},
         {option + "type=VoLTE msgId=77", "4",
          "resp = [9], doerId = [0], sessionId = [4], type = [4], msgId = [77]\n", 9},

@@ -29,9 +29,6 @@ Bytes Frame(uint8_t opcode, std::initializer_list<uint8_t> payload) {
   AppendHalLinkFrame(opcode, payload.begin(), payload.size(), &raw);
   return raw;
 }
-Bytes Answer(std::initializer_list<uint8_t> statusAndReply) {
-  return Frame(kHalLinkCommandResult, statusAndReply);
-}
 
 // Records what the service pushed and answers with `answer`.
 class RecordingTarget : public HalCallbackTarget {
@@ -129,9 +126,9 @@ TEST_F(HostHalServiceTest, CommandAnswers) {
     Bytes reply;  // what the caller's vector holds afterwards
     bool closes;
   } cases[] = {
-      {Answer({0x00, 'r', 'e'}), true, {'r', 'e'}, false},
-      {Answer({0x00}), true, {}, false},
-      {Answer({0x05, 'x'}), false, {0xEE}, false},
+      {Frame(kHalLinkCommandResult, {0x00, 'r', 'e'}), true, {'r', 'e'}, false},
+      {Frame(kHalLinkCommandResult, {0x00}), true, {}, false},
+      {Frame(kHalLinkCommandResult, {0x05, 'x'}), false, {0xEE}, false},
       {{0x00, 0x00, 0x00, 0x00}, false, {0xEE}, true},                                // length 0
       {{0x02, 0x00, 0x00, 0x00, kHalLinkRegisterResult, 0x00}, false, {0xEE}, true},  // opcode
       {{0x01, 0x00, 0x00, 0x00, kHalLinkCommandResult}, false, {0xEE}, true},  // no status byte
@@ -167,7 +164,7 @@ TEST_F(HostHalServiceTest, RegisteredConnectionServesTheCallback) {
   // A refused registration leaves a command connection.
   Serve(Frame(kHalLinkRegisterResult, {3}));
   EXPECT_FALSE(handle->RegisterTrapCallback("7", target));
-  Serve(Answer({0x00}));
+  Serve(Frame(kHalLinkCommandResult, {0x00}));
   EXPECT_TRUE(handle->SendCommand(nullptr, 0, &m_reply));
   Serve(Frame(kHalLinkRegisterResult, {kHalLinkStatusOk}));
   ASSERT_TRUE(handle->RegisterTrapCallback("5trapd", target));
