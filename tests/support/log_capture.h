@@ -8,14 +8,10 @@
 
 namespace tidewatch_test {
 
-// Sinks are plain functions, so the captured lines live in one process-wide store: only one
-// capture may live at a time. The store is safe to fill from any thread (listener and platform
-// threads log too), and outlives the capture for threads that are still finishing a message.
+// Sinks are plain functions: one process-wide store, safe from any thread, one capture at a time.
 class LogCapture {
  public:
-  // Takes the sink and sets `threshold`. Each message is kept as "<letter> <text>" with V, D, I, W
-  // or E for its priority, for example "E Bad type: [0]". `maxText` keeps only the start of each
-  // text, for tests that log lines of many kilobytes they never compare whole.
+  // Keeps each message past `threshold` as "<V|D|I|W|E> <text>", cut to `maxText` characters.
   explicit LogCapture(int threshold, size_t maxText = std::string::npos);
   // Gives the default output back and restores the threshold found at construction.
   ~LogCapture();

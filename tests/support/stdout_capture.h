@@ -9,9 +9,7 @@
 
 namespace tidewatch_test {
 
-// Runs `fn` with descriptor `fd` (standard output unless told) going to the file at `path`
-// (created or truncated, and removed afterwards) and returns what was written there. Both C stdio
-// and direct writes to the descriptor count.
+// Runs `fn` with `fd` going to the file at `path` (removed afterwards); returns what it received.
 std::string CaptureStdout(const std::string& path, const std::function<void()>& fn,
                           int fd = STDOUT_FILENO);
 
