@@ -18,11 +18,9 @@ threaded_suites=(
   platform_host_hal_service_test
   transport_socket_listener_test
   transport_mcp_receiver_test
-  transport_client_callbacks_test
   transport_hidl_mcp_transmitter_host_test
   trap_monitor_trap_receiver_test
-  trap_monitor_trap_receiver_host_test
-  trap_frame_decoder_cache_test
+  trap_frame_decoder_test
   e2e_capture_file_test
 )
 
