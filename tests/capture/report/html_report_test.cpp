@@ -105,16 +105,16 @@ class HtmlReportTest : public ::testing::Test {
     return charts;
   }
 
-  // Runs headless Chromium on report.html of the scratch folder with `mode` (--dump-dom,
-  // --screenshot=...), standard output and error into files there. Its exit status; 137 when it
-  // overran the deadline of a loaded 2-core machine and was killed, with every process it started.
-  int Chromium(const std::string& mode) {
+  // Has headless Chromium dump the DOM of report.html in the scratch folder, standard output and
+  // error into files there. Its exit status; 137 when it overran the deadline of a loaded 2-core
+  // machine and was killed, with every process it started.
+  int DumpDom() {
     const std::string command =
         "cd " + dir_.path() + " && timeout -s KILL 45 " + kChromium +
         " --headless --no-sandbox --disable-gpu --disable-background-networking"
         " --disable-component-update --disable-sync --no-first-run --hide-scrollbars"
-        " --user-data-dir=profile --enable-logging=stderr --v=0 --window-size=1280,2200 " +
-        mode + " file://" + dir_.path() + "/report.html >stdout 2>stderr";
+        " --user-data-dir=profile --enable-logging=stderr --v=0 --dump-dom file://" +
+        dir_.path() + "/report.html >stdout 2>stderr";
     const int status = system(command.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
@@ -146,7 +146,7 @@ TEST_F(HtmlReportTest, DrawsEveryFieldAndKeepsHostileTextAsText) {
 TEST_F(HtmlReportTest, ABrowserDrawsItWithNoConsoleMessage) {
   ASSERT_EQ(access(kChromium, X_OK), 0) << "no Chromium: run scripts/install-deps.sh";
   ASSERT_TRUE(dir_.Write("report.html", HostilePage()));
-  ASSERT_EQ(Chromium("--dump-dom"), 0) << dir_.Read("stderr");
+  ASSERT_EQ(DumpDom(), 0) << dir_.Read("stderr");
   const std::string dom = dir_.Read("stdout");
   EXPECT_EQ(dir_.Read("stderr").find(":CONSOLE"), std::string::npos) << dir_.Read("stderr");
   EXPECT_NE(dom.find("<title>Capture report"), std::string::npos) << "the page's own title";
@@ -156,14 +156,6 @@ TEST_F(HtmlReportTest, ABrowserDrawsItWithNoConsoleMessage) {
   EXPECT_EQ(Charts(dom).size(), 3u);
   EXPECT_NE(dom.find("<g class=\"mark m0\">"), std::string::npos) << "the service's drop marked";
   EXPECT_NE(dom.find("<g class=\"mark m1\">"), std::string::npos) << "the tool's drop marked";
-
-  ASSERT_EQ(Chromium("--screenshot=report.png"), 0) << dir_.Read("stderr");
-  EXPECT_EQ(dir_.Read("stderr").find(":CONSOLE"), std::string::npos) << dir_.Read("stderr");
-  const std::string image = dir_.Read("report.png");
-  ASSERT_GT(image.size(), 24u);
-  EXPECT_EQ(image.substr(0, 8), "\x89PNG\r\n\x1a\n");
-  EXPECT_EQ(image.substr(16, 4), std::string("\0\0\x05\x00", 4)) << "the IHDR's width: 1280";
-  EXPECT_GT(image.size(), 50'000u) << "a page of charts is not a blank image";
 }
 
 TEST_F(HtmlReportTest, EmptyAndFarFlungCapturesStillMakeAPage) {
