@@ -2,7 +2,6 @@
 // when adb is missing or hangs), and the line adb hands to the phone's shell, which must give the
 // tool exactly the words it was given, patterns and quotes included, as a real shell splits it.
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
@@ -12,6 +11,7 @@
 
 #include "capture/adb_devices.h"
 #include "capture/phone_command.h"
+#include "tests/support/child_process.h"
 #include "tests/support/scratch_dir.h"
 
 namespace capture {
@@ -50,18 +50,6 @@ TEST(AdbDevicesTest, OnlyReadyPhonesAndWithinTheDeadlineWhateverAdbDoes) {
   unsetenv("TIDEWATCH_ADB");
 }
 
-// The words a shell makes of `line`, one per line, with the first (the tool) left out.
-std::string ShellWords(const std::string& line) {
-  FILE* pipe = popen(("f() { shift; printf '%s\\n' \"$@\"; }; f " + line).c_str(), "r");
-  if (pipe == nullptr) return "<popen failed>";
-  std::string out;
-  char buf[256];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
-  pclose(pipe);
-  return out;
-}
-
 TEST(PhoneCommandTest, TheToolGetsEveryWordAsGiven) {
   const struct {
     std::vector<std::string> args;
@@ -86,7 +74,9 @@ TEST(PhoneCommandTest, TheToolGetsEveryWordAsGiven) {
     SCOPED_TRACE(c.line);
     const std::string line = PhoneCommandLine("tide_watch_capture", c.args, c.su);
     EXPECT_EQ(line, c.line);
-    EXPECT_EQ(ShellWords(line), c.words);
+    // The words a shell makes of the line, one per line, with the first (the tool) left out.
+    EXPECT_EQ(tidewatch_test::RunShell("f() { shift; printf '%s\\n' \"$@\"; }; f " + line),
+              c.words);
   }
 }
 

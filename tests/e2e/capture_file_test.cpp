@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <signal.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -57,14 +56,7 @@ class CaptureFileTest : public tidewatch_test::CaptureServiceFixture {
  protected:
   // Standard output of a shell command run in the scratch folder, cut off after 60 s.
   std::string Shell(const std::string& command) {
-    std::string out;
-    FILE* pipe = popen(("cd " + dir_.path() + " && timeout 60 " + command).c_str(), "r");
-    if (pipe == nullptr) return "<popen failed>";
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
-    pclose(pipe);
-    return out;
+    return tidewatch_test::RunShell("cd " + dir_.path() + " && timeout 60 " + command);
   }
 
   // The trap records of a capture file in order, and in `*written` what its statistics block
@@ -108,54 +100,75 @@ TEST_F(CaptureFileTest, OneRunReadsTheSameInEveryReader) {
       "--ota", "LTE_RRC_MASTER_INFORMATION_BLOCK",
       "--em",  "EM_LTE_SERVING_CELL_INFO,EM_LTE_NEIGHBOUR_CELL_INFO",
       "-c",    "12"};
-  for (const char* format : {"json", "text"}) {
+  // Live and back from the file, the same bytes in each format; each run writes a report too.
+  std::string live;
+  for (const char* format : {"text", "json"}) {
     SCOPED_TRACE(format);
     const std::string file = std::string("traps.") + format + ".pcapng";
     std::vector<std::string> args = selection;
-    args.insert(args.end(), {"-w", file, "--format", format});
-    const auto live = Capture(args);
-    ASSERT_EQ(live.status, 0) << Stderr();
-    ASSERT_EQ(Lines(live.out).size(), 12u) << live.out;
-
-    // Back from the file: the same bytes.
+    args.insert(args.end(), {"-w", file, "--format", format, "--report", "live.html"});
+    const auto run = Capture(args);
+    ASSERT_EQ(run.status, 0) << Stderr();
+    ASSERT_EQ(Lines(run.out).size(), 12u) << run.out;
     const auto read = Capture({"-r", file, "--format", format});
     EXPECT_EQ(read.status, 0) << Stderr();
-    EXPECT_EQ(read.out, live.out);
-    if (std::string(format) != "json") continue;
-
-    // Each line an object, numbered from 1, with the traps' names and values decoded.
-    std::string serving;
-    uint64_t seq = 0;
-    for (const std::string& line : Lines(live.out)) {
-      SCOPED_TRACE(line);
-      Json::Value trap;
-      ASSERT_TRUE(Json::Reader().parse(line, trap, false));
-      EXPECT_EQ(trap["seq"].asUInt64(), ++seq);
-      EXPECT_TRUE(Shaped(trap["time"].asString(), "####-##-##T##:##:##.######Z"));  // RFC 3339
-      if (trap["type"] == "OTA") {
-        EXPECT_EQ(trap["trace"], "OTA_TRACE_LTE_RRC");
-      } else {
-        EXPECT_TRUE(trap["fields"].isMember("EARFCN") || trap["fields"].isMember("CELL_COUNT"));
-      }
-      if (trap["msg"] == "EM_LTE_SERVING_CELL_INFO") serving += line + "\n";
-    }
-    // --em filters by the names the file carries.
-    EXPECT_EQ(Capture({"-r", file, "--format", "json", "--em", "EM_LTE_SERV*"}).out, serving);
-
-    if (haveCapinfos_) {
-      EXPECT_NE(Shell("capinfos -c " + file).find("Number of packets:   12\n"), std::string::npos);
-    }
-
-    // A file cut inside its last packet: every trap before it, then where the damage is.
-    const std::string cut = "cut.pcapng", bytes = dir_.Read(file);
-    ASSERT_TRUE(dir_.Write(cut, bytes.substr(0, bytes.size() - 120)));
-    const auto damaged = Capture({"-r", cut, "--format", "json"});
-    EXPECT_EQ(damaged.status, 1);
-    EXPECT_EQ(damaged.out, live.out.substr(0, live.out.rfind('\n', live.out.size() - 2) + 1));
-    EXPECT_NE(Stderr().find(cut + ": block 14 (Enhanced Packet Block 0x00000006) at byte offset "),
-              std::string::npos)
-        << Stderr();
+    EXPECT_EQ(read.out, run.out);
+    live = run.out;
   }
+  const std::string file = "traps.json.pcapng";
+
+  // Each line an object, numbered from 1, with the traps' names and values decoded.
+  std::string serving;
+  uint64_t seq = 0;
+  for (const std::string& line : Lines(live)) {
+    SCOPED_TRACE(line);
+    Json::Value trap;
+    ASSERT_TRUE(Json::Reader().parse(line, trap, false));
+    EXPECT_EQ(trap["seq"].asUInt64(), ++seq);
+    EXPECT_TRUE(Shaped(trap["time"].asString(), "####-##-##T##:##:##.######Z"));  // RFC 3339
+    if (trap["type"] == "OTA") {
+      EXPECT_EQ(trap["trace"], "OTA_TRACE_LTE_RRC");
+    } else {
+      EXPECT_TRUE(trap["fields"].isMember("EARFCN") || trap["fields"].isMember("CELL_COUNT"));
+    }
+    if (trap["msg"] == "EM_LTE_SERVING_CELL_INFO") serving += line + "\n";
+  }
+  // --em filters by the names the file carries.
+  EXPECT_EQ(Capture({"-r", file, "--format", "json", "--em", "EM_LTE_SERV*"}).out, serving);
+  if (haveCapinfos_) {
+    EXPECT_NE(Shell("capinfos -c " + file).find("Number of packets:   12\n"), std::string::npos);
+  }
+
+  // The report: a drawn chart for every field of the EM messages, the same from the file, and
+  // nothing that the page would fetch from outside.
+  const std::string page = dir_.Read("live.html");
+  std::set<std::string> lteFields;
+  for (const tidewatch_test::ReportChart& chart : tidewatch_test::FindReportCharts(page)) {
+    if (chart.message == "EM_LTE_SERVING_CELL_INFO") lteFields.insert(chart.field);
+  }
+  EXPECT_EQ(lteFields, (std::set<std::string>{"EARFCN", "PCI", "RSRP", "RSRQ", "SINR"}));
+  EXPECT_NE(page.find("<td class=\"name\">LTE_RRC_MASTER_INFORMATION_BLOCK</td>"),
+            std::string::npos);
+  EXPECT_NE(page.find("live capture"), std::string::npos);
+  EXPECT_EQ(page.find("://"), std::string::npos);
+  ASSERT_EQ(Capture({"-r", file, "--report", "read.html"}).status, 0) << Stderr();
+  EXPECT_EQ(Charts("read.html"), Charts("live.html"));
+
+  // A file cut inside its last packet: every trap before it, then where the damage is, on
+  // standard error and in the report.
+  const std::string cut = "cut.pcapng", bytes = dir_.Read(file);
+  ASSERT_TRUE(dir_.Write(cut, bytes.substr(0, bytes.size() - 120)));
+  const auto damaged = Capture({"-r", cut, "--format", "json", "--report", "cut.html"});
+  EXPECT_EQ(damaged.status, 1);
+  EXPECT_EQ(damaged.out, live.substr(0, live.rfind('\n', live.size() - 2) + 1));
+  EXPECT_NE(Stderr().find(cut + ": block 14 (Enhanced Packet Block 0x00000006) at byte offset "),
+            std::string::npos)
+      << Stderr();
+  EXPECT_NE(dir_.Read("cut.html")
+                .find("<div class=\"alert\" id=\"damaged\"><strong>The capture is "
+                      "damaged.</strong> Reading stopped at block 14 "),
+            std::string::npos);
+  EXPECT_EQ(Charts("cut.html").size(), Charts("live.html").size());
 
   // An emulator replaying the file gives a second capture the same records in the same order.
   const std::vector<std::string> first = Records("traps.json.pcapng");
@@ -166,43 +179,6 @@ TEST_F(CaptureFileTest, OneRunReadsTheSameInEveryReader) {
   ASSERT_EQ(Capture(args).status, 0) << Stderr();
   lastSeq_ = 0;
   EXPECT_EQ(Records("replayed.pcapng"), first);
-}
-
-TEST_F(CaptureFileTest, ReportOfALiveRunAndOfItsFile) {
-  StartService({"--trap-rate=200"});
-  ASSERT_EQ(
-      Capture({"-q", "--em", "EM_LTE_SERVING_CELL_INFO,EM_NR_SERVING_CELL_INFO", "--ota",
-               "LTE_RRC_PAGING", "--duration", "1.5", "-w", "cap.pcapng", "--report", "live.html"})
-          .status,
-      0)
-      << Stderr();
-  // Written at the end, a drawn chart for every field of the EM messages captured.
-  const std::string page = dir_.Read("live.html");
-  std::set<std::string> lteFields;
-  for (const tidewatch_test::ReportChart& chart : tidewatch_test::FindReportCharts(page)) {
-    if (chart.message == "EM_LTE_SERVING_CELL_INFO") lteFields.insert(chart.field);
-  }
-  EXPECT_EQ(lteFields, (std::set<std::string>{"EARFCN", "PCI", "RSRP", "RSRQ", "SINR"}));
-  EXPECT_NE(page.find("<td class=\"name\">LTE_RRC_PAGING</td>"), std::string::npos);
-  EXPECT_NE(page.find("live capture"), std::string::npos);
-  EXPECT_EQ(page.find("http://"), std::string::npos);
-  EXPECT_EQ(page.find("https://"), std::string::npos);
-
-  // The file read back gives the same charts.
-  ASSERT_EQ(Capture({"-r", "cap.pcapng", "--report", "read.html"}).status, 0) << Stderr();
-  EXPECT_EQ(Charts("read.html").size(), 10u);
-  EXPECT_EQ(Charts("read.html"), Charts("live.html"));
-
-  // Cut inside its last packets, the file gives what it holds, and the page says where it ended.
-  const std::string file = dir_.Read("cap.pcapng");
-  ASSERT_GT(file.size(), 4000u);
-  ASSERT_TRUE(dir_.Write("cut.pcapng", file.substr(0, file.size() - 700)));
-  EXPECT_EQ(Capture({"-r", "cut.pcapng", "--report", "cut.html"}).status, 1);
-  EXPECT_NE(dir_.Read("cut.html")
-                .find("<div class=\"alert\" id=\"damaged\"><strong>The capture is "
-                      "damaged.</strong> Reading stopped at block "),
-            std::string::npos);
-  EXPECT_EQ(Charts("cut.html").size(), 10u);
 }
 
 TEST_F(CaptureFileTest, EveryRingFileIsAWholeCaptureOnItsOwn) {

@@ -3,15 +3,14 @@
 // phone behind a stand-in adb, and a bad name, each leaving no session on the emulated service.
 // Wireshark ignores WIRESHARK_EXTCAP_DIR for root, so as root tshark runs as the user nobody.
 #include <gtest/gtest.h>
-#include <stdio.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <sstream>
 #include <string>
 
+#include "tests/support/child_process.h"
 #include "tests/support/ctrl_process.h"
 #include "tests/support/emulator_process.h"
 #include "tests/support/scratch_dir.h"
@@ -68,13 +67,8 @@ class ExtcapTest : public ::testing::Test {
   // Runs a shell command line, cut off after 40 s.
   static RunResult Run(const std::string& command) {
     RunResult result{-1, ""};
-    FILE* pipe = popen(("timeout 40 sh -c '" + command + "' 2>&1").c_str(), "r");
-    if (pipe == nullptr) return result;
-    char buf[4096];
-    size_t n;
-    while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) result.out.append(buf, n);
-    const int raw = pclose(pipe);
-    result.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    result.out =
+        tidewatch_test::RunShell("timeout 40 sh -c '" + command + "' 2>&1", &result.status);
     return result;
   }
 

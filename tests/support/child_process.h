@@ -39,4 +39,8 @@ bool StartChild(const std::string& binary, const std::vector<std::string>& args,
 // -signal when a signal ended it, -1000 when it is no child of this process.
 int WaitChild(pid_t pid, int graceMs);
 
+// Runs `command` with /bin/sh: its standard output, and in `*status` its exit status (-1 when a
+// signal ended it). Callers bound it with timeout(1), since a shell line can hang.
+std::string RunShell(const std::string& command, int* status = nullptr);
+
 }  // namespace tidewatch_test
