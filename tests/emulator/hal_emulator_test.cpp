@@ -1,5 +1,5 @@
 // The tidewatch_hal_emulator binary, driven over the host HAL link as the library and foreign test
-// programs drive it.
+// programs drive it, and the air messages its traps carry.
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sys/socket.h>
@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "emulator/air_message.h"
 #include "libtidewatch/platform/abstract_socket.h"
 #include "libtidewatch/platform/hal_link.h"
 #include "libtidewatch/transport/mcp_handler.h"
@@ -18,6 +19,7 @@
 #include "libtidewatch/trap/trap_packer.h"
 #include "tests/support/emulator_process.h"
 #include "tests/support/mcp_test_peer.h"
+#include "tests/support/sample_traps.h"
 
 namespace libtidewatch {
 namespace {
@@ -297,6 +299,45 @@ TEST_F(HalEmulatorTest, SyntheticTrapsFollowTheLayout) {
   EXPECT_EQ(uint8_t(mibFrames[2] - mibFrames[1]), 20);
   close(receiver);
   close(listener);
+}
+
+// A protocol analyser decodes what the emulator sends only if each message keeps its encoding:
+// the choice bits and trailing fields of the RRC messages, the NAS headers. '.' stands for the
+// random identities.
+TEST(AirMessageTest, EachMessageKeepsItsEncoding) {
+  const struct {
+    const char* name;
+    uint32_t occurrence;
+    const char* hex;
+  } cases[] = {
+      {"LTE_RRC_MASTER_INFORMATION_BLOCK", 0, "680000"},
+      {"LTE_RRC_MASTER_INFORMATION_BLOCK", 5, "681400"},
+      {"LTE_RRC_PAGING", 3, "00"},
+      {"LTE_RRC_CONNECTION_REQUEST", 1, "5..........6"},
+      {"NR_RRC_SETUP_REQUEST", 1, "1..........6"},
+      {"LTE_NAS_AUTHENTICATION_RESPONSE", 1, "075308................"},
+      {"LTE_NAS_AUTHENTICATION_REQUEST", 1,
+       "075200030405060708090a0b0c0d0e0f101112100506070809"
+       "0a0b0c0d0e0f1011121314"},
+      {"LTE_NAS_SERVICE_REQUEST", 33, "c7011234"},
+      {"LTE_NAS_ATTACH_COMPLETE", 9,
+       "0743000352"
+       "00c2"},
+      {"NR_NAS_REGISTRATION_ACCEPT", 9, "7e00420101"},
+      {"LTE_NAS_ATTACH_ACCEPT", 2, "07420203040506070809"},
+      {"NR_NAS_PDU_SESSION_ESTABLISHMENT_REQUEST", 0, "2e0101c10001020304050607"},
+      {"NR_NAS_SECURITY_MODE_COMMAND", 0, "7e00000001020304050607"},
+      {"LTE_RRC_SOMETHING_NEW", 0, "0001020304050607"},
+  };
+  for (const auto& row : cases) {
+    std::vector<uint8_t> pdu;
+    hal_emulator::AppendAirMessage(row.name, row.occurrence, &pdu);
+    const std::string hex = tidewatch_test::Hex(pdu.data(), pdu.size());
+    const std::string want = row.hex;
+    bool same = hex.size() == want.size();
+    for (size_t i = 0; same && i < want.size(); ++i) same = want[i] == '.' || want[i] == hex[i];
+    EXPECT_TRUE(same) << row.name << ": " << hex << ", want " << want;
+  }
 }
 
 }  // namespace

@@ -6,7 +6,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "tests/support/stdout_capture.h"
+#include "tests/support/log_capture.h"
 
 namespace tidewatch_test {
 

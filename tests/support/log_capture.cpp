@@ -1,12 +1,16 @@
 #include "tests/support/log_capture.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 #include <mutex>
+#include <sstream>
 
 #include "libtidewatch/platform/log.h"
 
@@ -90,6 +94,22 @@ bool LogCapture::WaitForText(const std::string& text) const {
       return line.find(text) != std::string::npos;
     });
   });
+}
+
+std::string CaptureStdout(const std::string& path, const std::function<void()>& fn, int fd) {
+  fflush(nullptr);
+  int saved = dup(fd);
+  int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  dup2(file, fd);
+  close(file);
+  fn();
+  fflush(nullptr);
+  dup2(saved, fd);
+  close(saved);
+  std::stringstream text;
+  text << std::ifstream(path, std::ios::binary).rdbuf();
+  unlink(path.c_str());
+  return text.str();
 }
 
 }  // namespace tidewatch_test

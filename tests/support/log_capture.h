@@ -1,8 +1,12 @@
-// A capture of the library's log for tests: while it lives, every message that passes the
-// threshold is kept for the test to inspect instead of going to the default output.
+// Captures for tests: of the library's log (while it lives, every message that passes the threshold
+// is kept for the test to inspect instead of going to the default output), and of what code under
+// test prints on standard output or error, for tests that compare it exactly.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -32,5 +36,9 @@ class LogCapture {
 
   int m_savedThreshold;
 };
+
+// Runs `fn` with `fd` going to the file at `path` (removed afterwards); returns what it received.
+std::string CaptureStdout(const std::string& path, const std::function<void()>& fn,
+                          int fd = STDOUT_FILENO);
 
 }  // namespace tidewatch_test

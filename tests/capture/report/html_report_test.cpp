@@ -2,7 +2,7 @@
 // chart with data, a damaged capture says where reading stopped, and write errors are told; and in
 // a real browser (headless Chromium, no network) the page draws those charts and logs no console
 // message at all: no script error, no blocked request (the page's policy refuses every fetch, so a
-// reference out of the page would show there).
+// reference out of the page would show there). Its charts keep round axis steps and a least size.
 #include "capture/report/html_report.h"
 
 #include <gtest/gtest.h>
@@ -10,22 +10,28 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdint>
 #include <set>
 #include <string>
 
 #include "capture/report/html_text.h"
 #include "capture/report/report_builder.h"
+#include "capture/report/svg_chart.h"
 #include "tests/support/report_charts.h"
 #include "tests/support/scratch_dir.h"
 
 namespace {
 
+using capture::ChartLine;
+using capture::ChartPoint;
 using capture::HtmlReport;
 using capture::ReportBuilder;
+using capture::SvgChart;
 using libtidewatch::CapturedTrap;
 
 constexpr int64_t kT0 = 1'795'000'000'000'000;
+constexpr int64_t kSecondUs = 1000000;
 const char kHostile[] = "EM_<script>alert(1)</script><img src=//x.example/a onerror=\"f()\">'&";
 const char kChromium[] = "/usr/bin/chromium";
 
@@ -177,6 +183,58 @@ TEST_F(HtmlReportTest, WriteErrorsNameThePath) {
   std::string error;
   EXPECT_FALSE(HtmlReport(builder_.data()).WriteFile("/nonexistent-dir/r.html", &error));
   EXPECT_EQ(error, "cannot write /nonexistent-dir/r.html: No such file or directory");
+}
+
+size_t Count(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+// Axis steps are what a reader expects on a clock or a ruler: 15 s, 2 h, 2.5, and beyond a week
+// still a whole number of weeks.
+TEST(SvgChartTest, TickStepsAreRound) {
+  const struct {
+    int64_t spanUs;
+    int64_t step;
+  } times[] = {{0, 1},
+               {9, 2},
+               {50 * kSecondUs, 15 * kSecondUs},
+               {60 * kSecondUs, 15 * kSecondUs},
+               {61 * kSecondUs, 30 * kSecondUs},
+               {5 * 3600 * kSecondUs, 7200 * kSecondUs},
+               {8 * 3600 * kSecondUs, 7200 * kSecondUs},
+               {9 * 3600 * kSecondUs, 10800 * kSecondUs},
+               {40 * 86400 * kSecondUs, 70 * 86400 * kSecondUs}};
+  for (const auto& row : times) {
+    EXPECT_EQ(SvgChart::TimeStep(row.spanUs, 4), row.step) << "span " << row.spanUs;
+  }
+  const struct {
+    double range;
+    double step;
+  } values[] = {{10, 2.5}, {7, 2}, {1, 0.25}, {45, 20}, {0, 1}, {-3, 1}, {NAN, 1}};
+  for (const auto& row : values) {
+    EXPECT_DOUBLE_EQ(SvgChart::ValueStep(row.range, 4), row.step) << "range " << row.range;
+  }
+}
+
+// A small box is drawn at the least size that still has room for the axes; a point between two
+// gaps of a long line gets a dot, or it would not show at all.
+TEST(SvgChartTest, KeepsItsLeastSizeAndDotsLonePoints) {
+  SvgChart chart(0, 70 * kSecondUs, 10, 10);
+  ChartLine line;
+  for (int i = 0; i < 70; ++i) {
+    ChartPoint p;
+    p.timeUs = i * kSecondUs;
+    p.value = i % 7;
+    p.breakBefore = i == 30 || i == 31;
+    line.points.push_back(p);
+  }
+  chart.AddLine(line);
+  std::string svg;
+  chart.Render("rate", &svg);
+  EXPECT_NE(svg.find("viewBox=\"0 0 200 100\""), std::string::npos) << svg.substr(0, 80);
+  EXPECT_EQ(Count(svg, "<circle"), 1u);
 }
 
 }  // namespace

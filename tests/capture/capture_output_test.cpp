@@ -1,14 +1,20 @@
-// The two printed forms of a trap, text and JSON lines, side by side for the same traps: what each
-// shows of a decoded trap, of one the layout does not know or that is too short to decode, of the
-// service's drops, and of hostile names, which are escaped and never reach a terminal raw.
+// What the capture tool writes. The two printed forms of a trap, text and JSON lines, side by side
+// for the same traps: what each shows of a decoded trap, of one the layout does not know or that is
+// too short to decode, of the service's drops, and of hostile names, which are escaped and never
+// reach a terminal raw; the counts behind the summary; and ring file names, where the number and
+// start time go before the extension of the last path component, whatever dots the path holds.
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <stdlib.h>
 #include <time.h>
 
 #include <string>
+#include <vector>
 
+#include "capture/capture_stats.h"
 #include "capture/json_printer.h"
+#include "capture/ring_files.h"
+#include "capture/text_escape.h"
 #include "capture/text_printer.h"
 
 namespace capture {
@@ -116,6 +122,94 @@ TEST(TrapPrintersTest, OneLinePerTrapInEachForm) {
   quiet.AppendTrap(&out, em);
   quiet.AppendTrap(&out, volte);
   EXPECT_EQ(out, "dropped by the service: 0 OTA, 4 EM, 1 IP\n");
+}
+
+TEST(TextEscapeTest, OnlyWhatCouldDriveATerminalIsEscaped) {
+  const struct {
+    std::string in;
+    std::string text;
+    std::string json;
+  } cases[] = {
+      {"LTE_RRC_PAGING", "LTE_RRC_PAGING", R"("LTE_RRC_PAGING")"},
+      {"", "", R"("")"},
+      {"a\tb\nc\x7f", "a\\x09b\\x0ac\\x7f", R"("a\u0009b\u000ac\u007f")"},
+      {"\x1b[31mred", "\\x1b[31mred", R"("\u001b[31mred")"},
+      // UTF-8 text stays; C1 controls (U+0080 to U+009F) and bytes that are no UTF-8 do not.
+      {"Zelle \xc3\xa9\xe2\x82\xac", "Zelle \xc3\xa9\xe2\x82\xac",
+       "\"Zelle \xc3\xa9\xe2\x82\xac\""},
+      {"\xc2\x9b"
+       "0m",
+       "\\xc2\\x9b0m", R"("\u00c2\u009b0m")"},
+      {"\xff\xe2\x82", "\\xff\\xe2\\x82", R"("\u00ff\u00e2\u0082")"},
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80", R"("\u00ed\u00a0\u0080")"},  // a surrogate
+      {"say \"hi\" \\", "say \"hi\" \\", R"("say \"hi\" \\")"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(EscapedText(c.in), c.text);
+    std::string json;
+    AppendJsonString(&json, c.in);
+    EXPECT_EQ(json, c.json);
+  }
+}
+
+using libtidewatch::TRAP_TYPE;
+
+CapturedTrap Counted(TRAP_TYPE type, bool hasId, uint64_t id, size_t bytes, const char* name) {
+  CapturedTrap t;
+  t.decoded.type = type;
+  t.decoded.msgId = {id, hasId};
+  if (name != nullptr) t.decoded.msgName = name;
+  t.decoded.payload.size = bytes;
+  return t;
+}
+
+// One row per message, whatever order its traps come in, so that the summary's counts add up.
+TEST(CaptureStatsTest, CountsEachMessageInOneRow) {
+  CaptureStats stats;
+  const CapturedTrap traps[] = {
+      Counted(libtidewatch::TRAP_TYPE_EM, true, 2000, 20, "EM_LTE_SERVING_CELL_INFO"),
+      Counted(libtidewatch::TRAP_TYPE_OTA, true, 1000, 17, "LTE_RRC_MASTER_INFORMATION_BLOCK"),
+      Counted(libtidewatch::TRAP_TYPE_OTA, true, 1000, 17, "LTE_RRC_MASTER_INFORMATION_BLOCK"),
+      Counted(libtidewatch::TRAP_TYPE_EM, true, 2000, 20, "EM_LTE_SERVING_CELL_INFO"),
+      Counted(libtidewatch::TRAP_TYPE_EM, true, 9999, 16, nullptr),
+      // A VoLTE trap has no message id, whatever the decoder read: it counts by type only.
+      Counted(libtidewatch::TRAP_TYPE_VOLTE, true, 5, 8, nullptr),
+      Counted(libtidewatch::TRAP_TYPE_EM, true, 2000, 20, "EM_LTE_SERVING_CELL_INFO"),
+  };
+  for (const CapturedTrap& t : traps) stats.Count(t);
+
+  std::vector<std::string> rows;
+  for (const MessageCount& m : stats.Messages()) {
+    rows.push_back(std::to_string(m.type) + " " + (m.hasId ? std::to_string(m.msgId) : "-") + " " +
+                   (m.named ? m.name : "?") + " " + std::to_string(m.traps) + " " +
+                   std::to_string(m.bytes));
+  }
+  EXPECT_EQ(rows, (std::vector<std::string>{"2 1000 LTE_RRC_MASTER_INFORMATION_BLOCK 2 34",
+                                            "3 2000 EM_LTE_SERVING_CELL_INFO 3 60", "3 9999 ? 1 16",
+                                            "4 - ? 1 8"}));
+  EXPECT_EQ(stats.traps(), 7u);
+  EXPECT_EQ(stats.bytes(), 118u);
+}
+
+TEST(RingFilesTest, NumberAndTimeGoBeforeTheExtension) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  const time_t started = 1795398300;  // 2026-11-23 01:45:00 UTC
+  const struct {
+    const char* path;
+    uint64_t number;
+    const char* name;
+  } cases[] = {
+      {"traps.pcapng", 1, "traps_00001_20261123014500.pcapng"},
+      {"traps", 12, "traps_00012_20261123014500"},
+      {"runs.v2/traps", 3, "runs.v2/traps_00003_20261123014500"},
+      {"/tmp/a.b.pcapng", 4, "/tmp/a.b_00004_20261123014500.pcapng"},
+      {"logs/.hidden", 5, "logs/.hidden_00005_20261123014500"},
+      {"cap.", 123456, "cap_123456_20261123014500."},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(RingFiles::RingName(c.path, c.number, started), c.name) << c.path;
+  }
 }
 
 }  // namespace
