@@ -149,6 +149,7 @@ TEST_F(HtmlReportTest, DrawsEveryFieldAndKeepsHostileTextAsText) {
   EXPECT_NE(page.find("and 100 more OTA messages, not listed"), std::string::npos);
 }
 
+#ifndef __ANDROID__  // host only: the browser runs on the host
 TEST_F(HtmlReportTest, ABrowserDrawsItWithNoConsoleMessage) {
   ASSERT_EQ(access(kChromium, X_OK), 0) << "no Chromium: run scripts/install-deps.sh";
   ASSERT_TRUE(dir_.Write("report.html", HostilePage()));
@@ -163,6 +164,7 @@ TEST_F(HtmlReportTest, ABrowserDrawsItWithNoConsoleMessage) {
   EXPECT_NE(dom.find("<g class=\"mark m0\">"), std::string::npos) << "the service's drop marked";
   EXPECT_NE(dom.find("<g class=\"mark m1\">"), std::string::npos) << "the tool's drop marked";
 }
+#endif
 
 TEST_F(HtmlReportTest, EmptyAndFarFlungCapturesStillMakeAPage) {
   std::string page = HtmlReport(builder_.data()).Render();
