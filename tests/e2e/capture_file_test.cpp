@@ -54,7 +54,7 @@ class CaptureFileTest : public tidewatch_test::CaptureServiceFixture {
  protected:
   // Standard output of a shell command run in the scratch folder, cut off after 60 s.
   std::string Shell(const std::string& command) {
-    return tidewatch_test::RunShell("cd " + dir_.path() + " && timeout 60 " + command);
+    return tidewatch_test::RunShell("cd " + dir_.path() + " && timeout -k 5 60 " + command);
   }
 
   // The traps of a ring file, each following the one read before it (from any file), and in

@@ -64,11 +64,11 @@ class ExtcapTest : public ::testing::Test {
     ASSERT_EQ(RunCtrl(dir + "/ctrl", {"--create-session", "level=2"}).out, "1\n");
   }
 
-  // Runs a shell command line, cut off after 40 s.
+  // Runs a shell command line, killed after 40 s with all it started.
   static RunResult Run(const std::string& command) {
     RunResult result{-1, ""};
     result.out =
-        tidewatch_test::RunShell("timeout 40 sh -c '" + command + "' 2>&1", &result.status);
+        tidewatch_test::RunShell("timeout -s KILL 40 sh -c '" + command + "' 2>&1", &result.status);
     return result;
   }
 

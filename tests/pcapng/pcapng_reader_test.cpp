@@ -208,7 +208,7 @@ class WiresharkDissectorTest : public ::testing::Test {
   // Standard output of `command` (standard error dropped); each run is cut off after 60 s.
   static std::string Run(const std::string& command) {
     std::string out;
-    FILE* pipe = popen(("timeout 60 " + command + " 2>/dev/null").c_str(), "r");
+    FILE* pipe = popen(("timeout -k 5 60 " + command + " 2>/dev/null").c_str(), "r");
     if (pipe == nullptr) return "<popen failed>";
     char buf[4096];
     size_t n;
